@@ -1,0 +1,1 @@
+#include "common/path_resolve.h"

@@ -1,0 +1,30 @@
+// Turning path strings into other paths: canonical forms, parents, tidying,
+// containment and ordering.
+#ifndef ZORV_COMMON_PATH_RESOLVE_H_
+#define ZORV_COMMON_PATH_RESOLVE_H_
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+/// The canonical path (links, "." and ".." resolved), or "" on any failure.
+std::string getRealPath(const std::string& path);
+/// The path with its directory made canonical and its last component kept as
+/// written (the real location of a link itself), or "".
+std::string getLinkRealPath(const std::string& path);
+/// The deepest existing directory in front of the first '*' or '?', or "".
+std::string findFirstValidParentDir(const std::string& pattern);
+/// Entries of the parent directory whose names fnmatch() the last component,
+/// in directory order. Throws std::filesystem::filesystem_error when the
+/// parent cannot be read.
+std::vector<std::filesystem::path> expandPath(const std::filesystem::path& path);
+/// Lexical: `child` lies strictly inside `parent` once both are made absolute.
+bool isParentPath(const std::string& parent, const std::string& child);
+/// Collapses runs of slashes, drops a trailing "/*" star and trailing slash.
+std::string formatPath(const std::string& path);
+/// Strict order of absolute path texts, bytes compared as signed chars.
+bool comparePaths(const std::filesystem::path& a, const std::filesystem::path& b);
+/// The file system holding `path` is mounted read-only; false when statvfs fails.
+bool isFilesystemReadOnly(const char* path);
+
+#endif  // ZORV_COMMON_PATH_RESOLVE_H_

@@ -1,0 +1,1 @@
+#include "common/sm3.h"

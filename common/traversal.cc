@@ -1,0 +1,1 @@
+#include "common/traversal.h"

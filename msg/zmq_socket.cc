@@ -1,0 +1,1 @@
+#include "msg/zmq_socket.h"

@@ -1,0 +1,55 @@
+// One ZeroMQ context and one socket, for exchanging text messages.
+//
+// Thread safety: one object is used by one thread at a time.
+#ifndef ZORV_MSG_ZMQ_SOCKET_H_
+#define ZORV_MSG_ZMQ_SOCKET_H_
+
+#include <string>
+
+class ZMQSocket {
+ public:
+  /// ZeroMQ's own socket-type numbers.
+  enum socketType {
+    PAIR = 0,
+    PUB = 1,
+    SUB = 2,
+    REQ = 3,
+    REP = 4,
+    DEALER = 5,
+    ROUTER = 6,
+    PULL = 7,
+    PUSH = 8,
+    XPUB = 9,
+    XSUB = 10,
+    STREAM = 11,
+  };
+
+  /// Throws std::runtime_error "Failed to create ZMQ context." or
+  /// "Failed to create ZMQ socket.".
+  explicit ZMQSocket(socketType type);
+  /// Closes the socket, then destroys the context.
+  ~ZMQSocket();
+  ZMQSocket(const ZMQSocket&) = delete;
+  ZMQSocket& operator=(const ZMQSocket&) = delete;
+
+  /// Throws "Failed to bind socket.".
+  void bind(const std::string& endpoint);
+  /// Throws "Failed to connect socket.".
+  void connect(const std::string& endpoint);
+  /// Sends one part (ZMQ_SNDMORE when `more`); throws "Failed to send message.".
+  void send(const std::string& message, bool more = false);
+  /// Blocks for the next part; throws "Failed to receive message.".
+  std::string recv();
+  /// Adds a prefix filter ("" receives all); throws
+  /// "Failed to set subscription filter.".
+  void subscribe(const std::string& topic);
+
+  /// The raw ZeroMQ socket, for options and polling this wrapper does not offer.
+  void* handle() const { return socket_; }
+
+ private:
+  void* context_ = nullptr;
+  void* socket_ = nullptr;
+};
+
+#endif  // ZORV_MSG_ZMQ_SOCKET_H_

@@ -1,0 +1,70 @@
+// Helpers for tests that work on real files: a temporary tree that removes
+// itself, small file builders and a capture of the Logger's output.
+#ifndef ZORV_TESTING_TEST_UTIL_H_
+#define ZORV_TESTING_TEST_UTIL_H_
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace log4cpp {
+class StringQueueAppender;
+}
+
+namespace zorv_testing {
+
+/// A fresh directory under $TMPDIR (or /tmp), removed with everything in it
+/// when the object goes away. Never a system path.
+class ScopedTempDir {
+ public:
+  ScopedTempDir();
+  ~ScopedTempDir();
+  ScopedTempDir(const ScopedTempDir&) = delete;
+  ScopedTempDir& operator=(const ScopedTempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  /// path() + "/" + relative.
+  std::string operator/(const std::string& relative) const;
+
+ private:
+  std::string path_;
+};
+
+/// Writes `content` to `path`, creating missing parent directories.
+void writeTextFile(const std::string& path, const std::string& content);
+/// Creates `path` and its missing parents.
+void makeDirs(const std::string& path);
+/// The whole file, or "" if it cannot be read.
+std::string readTextFile(const std::string& path);
+
+/// Collects every message logged through log4cpp's root category (and the
+/// "INFO" category) while it lives, one "PRIORITY message" text per record,
+/// with the root's priority lowered to DEBUG.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  /// All records so far, in order, e.g. "ERROR [isFilePathSafe:42] ...".
+  std::vector<std::string> lines();
+  /// True when a record holds `text`.
+  bool contains(const std::string& text);
+  /// Records that hold `text`.
+  size_t count(const std::string& text);
+  /// All records joined by newlines, for failure messages.
+  std::string dump();
+
+ private:
+  std::unique_ptr<log4cpp::StringQueueAppender> appender_;  // lent to the categories
+  std::vector<std::string> seen_;
+  int savedPriority_;
+};
+
+/// Runs `command` with /bin/sh; returns its exit status (or 128+signal).
+int runShell(const std::string& command);
+
+}  // namespace zorv_testing
+
+#endif  // ZORV_TESTING_TEST_UTIL_H_
