@@ -1,1 +1,103 @@
+#include <sys/xattr.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+#include <vector>
+
 #include "label/label.h"
+#include "log/logger.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kAttributeName = "security.zorv";
+
+// Follows links even for the no-dereference forms, so a dangling link counts
+// as missing. A directory on the way that cannot be searched throws
+// fs::filesystem_error rather than reading as missing.
+void requireExisting(const std::string& path) {
+  const fs::file_type type = fs::status(fs::path(path)).type();
+  if (type == fs::file_type::not_found || type == fs::file_type::none)
+    throw LabelError("File does not exist: ", 4);
+}
+
+ssize_t readAttribute(const std::string& path, bool noDereference, void* value, size_t size) {
+  return noDereference ? lgetxattr(path.c_str(), kAttributeName, value, size)
+                       : getxattr(path.c_str(), kAttributeName, value, size);
+}
+
+}  // namespace
+
+int Label::getFromXattr(const std::string& path, const bool& noDereference) {
+  try {
+    requireExisting(path);
+    const ssize_t probed = readAttribute(path, noDereference, nullptr, 0);
+    if (probed < 0) {
+      // Quiet on purpose: most files of a tree simply carry no label.
+      const int error = errno;
+      if (error == ENODATA) {
+        ZLOG_DEBUG("Extended attribute not found: %s", path.c_str());
+      } else {
+        ZLOG_DEBUG("Failed to get extended attribute size: %s", strerror(error));
+      }
+      return -1;
+    }
+    if (probed == 0)
+      throw LabelError(std::string("Extended attribute is empty: ") + kAttributeName, 6);
+
+    std::vector<unsigned char> value(static_cast<size_t>(probed), 0);
+    const ssize_t read = readAttribute(path, noDereference, value.data(), value.size());
+    if (read < 0)
+      throw LabelError(std::string("Failed to read extended attribute: ") + strerror(errno), 5);
+    if (read != probed) throw LabelError("Size mismatch when reading extended attribute", 5);
+
+    deserializeFromBuffer(value.data(), value.size());
+    return 0;
+  } catch (const LabelError& e) {
+    ZLOG_ERROR("LabelError: %s: %s", e.what(), path.c_str());
+    return -1;
+  } catch (const std::exception& e) {
+    ZLOG_ERROR("exception: %s: %s", e.what(), path.c_str());
+    return -1;
+  }
+}
+
+int Label::setToXattr(const std::string& path, const bool& noDereference) {
+  try {
+    requireExisting(path);
+    // The whole value is built before the single write, so the attribute is
+    // never left half written.
+    std::vector<unsigned char> value(serializedBufferSize(), 0);
+    const size_t written = serializeToBuffer(value.data(), value.size());
+    if (written == 0) throw LabelError("Label serialization resulted in zero bytes: ", 12);
+    if (written > value.size())
+      throw LabelError("Label serialization used more space than expected: ", 12);
+
+    int result;
+    int error;
+    if (noDereference) {
+      result = lsetxattr(path.c_str(), kAttributeName, value.data(), written, 0);
+      error = errno;
+      ZLOG_DEBUG("lsetxattr: %d, path: %s", result, path.c_str());
+    } else {
+      result = setxattr(path.c_str(), kAttributeName, value.data(), written, 0);
+      error = errno;
+      ZLOG_DEBUG("setxattr: %d, path: %s", result, path.c_str());
+    }
+    if (result != 0) {
+      if (error == ENOTSUP)
+        throw LabelError("Filesystem does not support extended attributes: ", 7);
+      throw LabelError(std::string("Failed to set extended attribute: ") + strerror(error), 5);
+    }
+    return result;
+  } catch (const LabelError& e) {
+    ZLOG_ERROR("LabelError: %s: %s", e.what(), path.c_str());
+    return -1;
+  } catch (const std::exception& e) {
+    ZLOG_ERROR("exception: %s: %s", e.what(), path.c_str());
+    return -2;
+  }
+}
