@@ -1,0 +1,94 @@
+#include "label/id.h"
+
+#include <gtest/gtest.h>
+
+#include "label/label_error.h"
+#include "label/log_record_test_internal.h"
+
+namespace {
+
+using zorv_testing::LogCapture;
+
+const std::string kZeroText = "0000000000000000-0000000000000000-0000000000000000";
+
+TEST(IdTest, TextFormIsFixedWidthAndParsesBack) {
+  EXPECT_EQ(kZeroText, Id().toString());
+  Id id;
+  id.pkg_ = 0xab;
+  id.file_ = 1;
+  EXPECT_EQ("00000000000000ab-0000000000000001-0000000000000000", id.toString());
+
+  id.pkg_ = 0xffffffffffffffffull;
+  id.path_ = 0x8000000000000000ull;
+  Id back = Id::fromString(id.toString());
+  EXPECT_EQ(id.pkg_, back.pkg_);
+  EXPECT_EQ(id.file_, back.file_);
+  EXPECT_EQ(id.path_, back.path_);
+
+  EXPECT_EQ(0xabcdefull, Id::fromString("0000000000ABCDEF-0000000000000001-0000000000000002").pkg_);
+}
+
+TEST(IdTest, RejectedTextsGiveZeroAndSayWhy) {
+  LogCapture capture;
+  EXPECT_EQ(kZeroText, Id::fromString(kZeroText.substr(1)).toString());
+  EXPECT_EQ(kZeroText, Id::fromString(kZeroText + "0").toString());
+  EXPECT_EQ(1u, countRecords(capture, "ERROR", "fromString", "Invalid ID string length: 49"));
+  EXPECT_EQ(1u, countRecords(capture, "ERROR", "fromString", "Invalid ID string length: 51"));
+
+  for (const char* text : {"0000000000000001+0000000000000002-0000000000000003",
+                           "0000000000000001-0000000000000002:0000000000000003",
+                           // the right length, but a trailing blank is left over
+                           "0000000000000001-0000000000000002-000000000000003 ",
+                           // 17 digits do not fit in 64 bits
+                           "10000000000000000-0000000000000002-000000000000003"}) {
+    EXPECT_EQ(0u, Id::fromString(text).pkg_) << text;
+  }
+  EXPECT_EQ(
+      4u, countRecords(capture, "ERROR", "fromString", "Invalid ID format (expect pkg-file-path)"));
+}
+
+TEST(IdTest, CompactBytesDropZeroFileAndPath) {
+  unsigned char buffer[24] = {};
+  Id id;
+  id.pkg_ = 0x0102030405060708ull;
+  EXPECT_EQ(8u, id.serializedSize());
+  EXPECT_EQ(buffer + 8, id.toBytes(buffer, 8));
+  EXPECT_EQ(0x08, buffer[0]);
+  EXPECT_EQ(0x01, buffer[7]);
+
+  id.path_ = 0x1112131415161718ull;
+  EXPECT_EQ(16u, id.serializedSize());
+  EXPECT_EQ(buffer + 16, id.toBytes(buffer));
+  EXPECT_EQ(0x18, buffer[8]);  // the path takes the file's place
+  EXPECT_EQ(0x11, buffer[15]);
+
+  LogCapture capture;
+  try {
+    id.toBytes(buffer, 15);
+    FAIL() << "expected a LabelError";
+  } catch (const LabelError& e) {
+    EXPECT_EQ(3, e.code);
+    EXPECT_STREQ("Buffer size is insufficient for ID serialization", e.what());
+  }
+  EXPECT_EQ(1u, countRecords(capture, "ERROR", "toBytes",
+                             "toBytes: buffer too small, required: 16, actual: 15"));
+  EXPECT_EQ(nullptr, id.toBytes(nullptr, 24));
+  EXPECT_EQ(1u, countRecords(capture, "ERROR", "toBytes", "input buffer is nullptr"));
+}
+
+TEST(IdTest, FromBytesReadsAllThreeNumbersUncompacted) {
+  unsigned char data[24] = {};
+  data[0] = 0x01;
+  data[8 + 1] = 0x02;
+  data[16 + 7] = 0x03;
+  Id id = Id::fromBytes(data);
+  EXPECT_EQ(0x01u, id.pkg_);
+  EXPECT_EQ(0x0200u, id.file_);
+  EXPECT_EQ(0x0300000000000000ull, id.path_);
+
+  LogCapture capture;
+  EXPECT_EQ(kZeroText, Id::fromBytes(nullptr).toString());
+  EXPECT_EQ(1u, countRecords(capture, "ERROR", "fromBytes", "fromBytes: input data is nullptr"));
+}
+
+}  // namespace

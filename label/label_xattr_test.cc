@@ -1,0 +1,142 @@
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+
+#include "label/label.h"
+#include "label/log_record_test_internal.h"
+
+namespace {
+
+using zorv_testing::LogCapture;
+using zorv_testing::ScopedTempDir;
+using zorv_testing::writeTextFile;
+
+const char kName[] = "security.zorv";
+
+Label sample() {
+  Label label;
+  label.oid_.pkg_ = 0x11;
+  label.oid_.path_ = 0x22;
+  label.sid_.pkg_ = 0x33;
+  label.sid_.file_ = 0x44;
+  label.creatorOid_.pkg_ = 0x55;
+  label.tid_ = 0x66;
+  label.inheritFlag_ = 5;
+  return label;
+}
+
+TEST(LabelXattrTest, SetThenGetRoundTrips) {
+  ScopedTempDir dir;
+  const std::string file = dir / "file";
+  writeTextFile(file, "x");
+  for (bool noDereference : {false, true}) {
+    Label written = sample();
+    written.tid_ += noDereference;
+    ASSERT_EQ(0, written.setToXattr(file, noDereference));
+    Label read;
+    ASSERT_EQ(0, read.getFromXattr(file, noDereference));
+    EXPECT_EQ(written.toString(), read.toString());
+  }
+  char value[81];
+  EXPECT_EQ(static_cast<ssize_t>(sample().serializedBufferSize()),
+            getxattr(file.c_str(), kName, value, sizeof(value)));
+}
+
+TEST(LabelXattrTest, LinkIsFollowedUnlessToldNotTo) {
+  ScopedTempDir dir;
+  const std::string file = dir / "file", link = dir / "link";
+  writeTextFile(file, "x");
+  std::filesystem::create_symlink(file, link);
+  ASSERT_EQ(0, sample().setToXattr(link, false));
+  Label label;
+  EXPECT_EQ(0, label.getFromXattr(file, false));
+  EXPECT_EQ(-1, Label().getFromXattr(link, true));  // the link itself has none
+}
+
+TEST(LabelXattrTest, MissingAttributeIsQuiet) {
+  ScopedTempDir dir;
+  const std::string file = dir / "plain";
+  writeTextFile(file, "x");
+  LogCapture capture;
+  EXPECT_EQ(-1, Label().getFromXattr(file, false));
+  EXPECT_EQ(1u, capture.lines().size()) << capture.dump();
+  EXPECT_EQ(
+      1u, countRecords(capture, "DEBUG", "getFromXattr", "Extended attribute not found: " + file));
+}
+
+TEST(LabelXattrTest, BadValuesAndMissingFilesAreErrors) {
+  ScopedTempDir dir;
+  const std::string empty = dir / "empty", tenBytes = dir / "ten", dangling = dir / "dangling";
+  writeTextFile(empty, "");
+  writeTextFile(tenBytes, "");
+  ASSERT_EQ(0, setxattr(empty.c_str(), kName, "", 0, 0));
+  ASSERT_EQ(0, setxattr(tenBytes.c_str(), kName, "0123456789", 10, 0));
+  std::filesystem::create_symlink(dir / "nowhere", dangling);
+
+  LogCapture capture;
+  EXPECT_EQ(-1, Label().getFromXattr(empty, false));
+  EXPECT_EQ(1u, countRecords(capture, "ERROR", "getFromXattr",
+                             "LabelError: Extended attribute is empty: security.zorv: " + empty));
+  EXPECT_EQ(-1, Label().getFromXattr(tenBytes, false));
+  EXPECT_EQ(1u, countRecords(capture, "ERROR", "getFromXattr",
+                             "LabelError: Label deserialization failed: Buffer size is invalid: " +
+                                 tenBytes));
+  // Existence is judged through the link even when the link itself is meant.
+  EXPECT_EQ(-1, Label().getFromXattr(dangling, true));
+  EXPECT_EQ(-1, sample().setToXattr(dangling, true));
+  EXPECT_EQ(1u, countRecords(capture, "ERROR", "getFromXattr",
+                             "LabelError: File does not exist: : " + dangling));
+  EXPECT_EQ(1u, countRecords(capture, "ERROR", "setToXattr",
+                             "LabelError: File does not exist: : " + dangling));
+}
+
+TEST(LabelXattrTest, SetOnFileSystemWithoutAttributes) {
+  // The process's own proc entry: proc refuses extended attributes and nothing
+  // outside this process could be touched.
+  const std::string file = "/proc/self/comm";
+  char probe[1];
+  if (getxattr(file.c_str(), kName, probe, sizeof(probe)) != -1 || errno != ENOTSUP)
+    GTEST_SKIP() << file << " does not refuse extended attributes here";
+  LogCapture capture;
+  EXPECT_EQ(-1, sample().setToXattr(file, false));
+  EXPECT_EQ(1u, countRecords(capture, "DEBUG", "setToXattr", "setxattr: -1, path: " + file));
+  EXPECT_EQ(1u,
+            countRecords(capture, "ERROR", "setToXattr",
+                         "LabelError: Filesystem does not support extended attributes: : " + file));
+}
+
+TEST(LabelXattrTest, UnsearchableDirectoryIsOtherFailure) {
+  ScopedTempDir dir;
+  const std::string file = dir / "closed/file";
+  writeTextFile(file, "x");
+  ASSERT_EQ(0, sample().setToXattr(file, false));
+  std::filesystem::permissions(dir / "closed", std::filesystem::perms::owner_all);
+  std::filesystem::permissions(dir.path(), std::filesystem::perms::all);
+
+  // Root searches any directory, so the refusal is met as an unprivileged user.
+  pid_t child = fork();
+  ASSERT_NE(-1, child);
+  if (child == 0) {
+    if (setgid(65534) != 0 || setuid(65534) != 0) _exit(10);
+    LogCapture capture;
+    int status = 0;
+    if (Label().getFromXattr(file, false) != -1) status |= 1;
+    if (sample().setToXattr(file, false) != -2) status |= 2;
+    if (capture.count("ERROR [getFromXattr:") != 1 || capture.count("ERROR [setToXattr:") != 1 ||
+        capture.count("] exception: ") != 2)
+      status |= 4;
+    _exit(status);
+  }
+  int status = 0;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(0, WEXITSTATUS(status)) << "1: get, 2: set, 4: log lines, 10: setuid";
+}
+
+}  // namespace
