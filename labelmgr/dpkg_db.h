@@ -1,0 +1,47 @@
+// What the dpkg database says: which packages are installed and which files
+// each of them installed. Read-only; nothing here writes under the dpkg
+// directory.
+#ifndef ZORV_LABELMGR_DPKG_DB_H_
+#define ZORV_LABELMGR_DPKG_DB_H_
+
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace zorv::labelmgr {
+
+/// $ZORV_LABELMGR_DPKG_DIR when set and non-empty, else /var/lib/dpkg.
+std::string dpkgDirectory();
+
+/// Names of the packages that the "status" file marks installed, sorted and
+/// without duplicates. A machine without dpkg has none (no error).
+std::vector<std::string> readInstalledPackages(const std::string& dpkgDir);
+
+/// Which package's file list ("info/NAME.list" or "info/NAME:ARCH.list") holds
+/// each path. Built once, then only read: lookups are thread-safe.
+class OwnershipIndex {
+ public:
+  static constexpr uint32_t kNoOwner = UINT32_MAX;
+
+  /// Reads the file lists of `packages` (sorted, as readInstalledPackages
+  /// answers); lists of other packages are ignored. Each listed path is keyed
+  /// with its directory made canonical, so that a file listed as /bin/x is
+  /// found as /usr/bin/x where /bin links to /usr/bin.
+  void load(const std::string& dpkgDir, const std::vector<std::string>& packages);
+
+  /// Index into the `packages` given to load() of the one package that lists
+  /// `canonicalPath`; kNoOwner when none does, and also when several do
+  /// (directories such as /usr/bin belong to no single package).
+  uint32_t ownerOf(const std::string& canonicalPath) const;
+
+  size_t size() const { return owners_.size(); }
+
+ private:
+  static constexpr uint32_t kShared = UINT32_MAX - 1;
+  std::unordered_map<std::string, uint32_t> owners_;
+};
+
+}  // namespace zorv::labelmgr
+
+#endif  // ZORV_LABELMGR_DPKG_DB_H_

@@ -1,0 +1,75 @@
+// The labels the library gives files: the policy (initial) label and the
+// effective label, which is the policy label with the user-set rules applied.
+// Restore, the field deletes and the whole-tree labelling all compute labels
+// here, so the three never disagree.
+//
+// Policy label of a file:
+//   OID  package: effective id of the installed package that alone lists the
+//                 file in dpkg's file lists, 0 when none does;
+//        file:    last 64 bits of the SM3 digest of the file's name;
+//        path:    last 64 bits of the SM3 digest of its canonical path.
+//   SID  the OID for a regular file with any execute bit, else zero.
+//   TID, inherit flag and creator OID: zero.
+// Effective label: each of OID, SID, TID and inherit flag taken from the rule
+// that decides it (RuleSet::decidingRule) when there is one.
+#ifndef ZORV_LABELMGR_LABEL_POLICY_H_
+#define ZORV_LABELMGR_LABEL_POLICY_H_
+
+#include <sys/stat.h>
+
+#include <memory>
+#include <string>
+
+#include "label/label.h"
+#include "labelmgr/dpkg_db.h"
+#include "labelmgr/package_ids.h"
+#include "labelmgr/rule_set.h"
+#include "labelmgr/state_db.h"
+
+namespace zorv::labelmgr {
+
+/// Everything needed to label files, loaded once; afterwards every method is
+/// const, queries nothing and is safe to call from many threads at once.
+class LabelPolicy {
+ public:
+  /// Loads the dpkg database of dpkgDirectory() (installed packages and their
+  /// file lists), the user-set package ids and every user-set file rule of
+  /// `db`. `db` may be null when there is no state database yet (then no
+  /// user-set values exist). Call it inside the caller's transaction when the
+  /// result must match what that transaction sees. Null (logged) when the
+  /// database cannot be read.
+  static std::unique_ptr<LabelPolicy> load(StateDb* db);
+
+  LabelPolicy(const LabelPolicy&) = delete;
+  LabelPolicy& operator=(const LabelPolicy&) = delete;
+
+  /// The policy label of the file at `canonicalPath` whose lstat() result is
+  /// `st`. REQUIRES: `canonicalPath` is absolute and canonical.
+  Label initLabel(const std::string& canonicalPath, const struct stat& st) const;
+  /// initLabel() with the user-set rules applied.
+  Label effectiveLabel(const std::string& canonicalPath, const struct stat& st) const;
+
+  /// The policy OID alone (no stat needed): what initLabel() puts in oid_.
+  Id policyOid(const std::string& canonicalPath) const;
+
+  const PackageIds& packageIds() const { return packageIds_; }
+  const RuleSet& rules() const { return rules_; }
+
+ private:
+  LabelPolicy(std::vector<FileRule> rules) : rules_(std::move(rules)) {}
+
+  PackageIds packageIds_;
+  OwnershipIndex owners_;
+  RuleSet rules_;
+};
+
+/// Reads `field` of `label` into value[0..2] (TID and inherit flag use
+/// value[0] only, the others are set to zero).
+void getLabelField(const Label& label, Field field, uint64_t value[3]);
+/// Sets `field` of `label` from value[0..2] (TID and inherit flag take the low
+/// 32 bits of value[0]).
+void setLabelField(Label& label, Field field, const uint64_t value[3]);
+
+}  // namespace zorv::labelmgr
+
+#endif  // ZORV_LABELMGR_LABEL_POLICY_H_
