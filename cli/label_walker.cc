@@ -1,0 +1,122 @@
+#include "cli/label_walker.h"
+
+#include <dirent.h>
+#include <glob.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+
+#include "cli/output.h"
+#include "label/label.h"
+
+namespace zorv::cli {
+
+bool noDereference = false;
+
+namespace {
+
+class GlobResult {
+ public:
+  explicit GlobResult(const std::string& pattern) {
+    // The return code carries nothing that the match count does not.
+    glob(pattern.c_str(), GLOB_TILDE, nullptr, &result_);
+  }
+  ~GlobResult() { globfree(&result_); }
+  GlobResult(const GlobResult&) = delete;
+  GlobResult& operator=(const GlobResult&) = delete;
+
+  size_t size() const { return result_.gl_pathc; }
+  const char* operator[](size_t i) const { return result_.gl_pathv[i]; }
+
+ private:
+  glob_t result_{};
+};
+
+class DirHandle {
+ public:
+  explicit DirHandle(const std::string& path) : dir_(opendir(path.c_str())) {}
+  ~DirHandle() {
+    if (dir_ != nullptr) closedir(dir_);
+  }
+  DirHandle(const DirHandle&) = delete;
+  DirHandle& operator=(const DirHandle&) = delete;
+
+  DIR* get() const { return dir_; }
+
+ private:
+  DIR* dir_;
+};
+
+}  // namespace
+
+void walkPattern(const std::string& pattern, const std::string& attrName, LabelCallback callback,
+                 bool recursive) {
+  GlobResult matches(pattern);
+  if (matches.size() == 0) {
+    std::cerr << "Warning: No files matched the pattern: " << pattern << std::endl;
+    return;
+  }
+  for (size_t i = 0; i < matches.size(); ++i) {
+    const std::string match = matches[i];
+    struct stat st;
+    if (stat(match.c_str(), &st) != 0) {
+      std::cerr << "Error: File or directory does not exist: " << match << std::endl;
+      continue;
+    }
+    if (recursive && S_ISDIR(st.st_mode)) {
+      walkDirectory(match, attrName, callback);
+    } else {
+      callback(match, attrName);
+    }
+  }
+}
+
+void walkDirectory(const std::string& path, const std::string& attrName, LabelCallback callback) {
+  DirHandle dir(path);
+  if (dir.get() == nullptr) {
+    const int error = errno;
+    printLine(path + " opendir error: " + std::strerror(error));
+    return;
+  }
+  callback(path, attrName);
+  const std::string prefix = (!path.empty() && path.back() == '/') ? path : path + "/";
+  while (const struct dirent* entry = readdir(dir.get())) {
+    const std::string child = prefix + entry->d_name;
+    if (entry->d_type != DT_DIR) {
+      callback(child, attrName);
+      continue;
+    }
+    if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
+    walkDirectory(child, attrName, callback);
+  }
+}
+
+int showLabel(const std::string& path, const std::string& attrName) {
+  if (path.empty() || attrName.empty()) {
+    printLine("filename or attr_name is empty!");
+    return 0;
+  }
+  Label label;
+  if (label.getFromXattr(path, noDereference) != 0) {
+    printLine("get file label failed, ");
+    return 0;
+  }
+  printLine("file: " + path + " label: " + label.toString());
+  return 1;
+}
+
+int removeLabel(const std::string& path, const std::string& attrName) {
+  const int result = noDereference ? lremovexattr(path.c_str(), attrName.c_str())
+                                   : removexattr(path.c_str(), attrName.c_str());
+  if (result == 0) return 1;
+  const int error = errno;
+  // The wording names lremovexattr whichever call failed; scripts match on it.
+  printLine("remove file label from xattr error, " + path + " lremovexattr failed, " +
+            std::strerror(error));
+  return 0;
+}
+
+}  // namespace zorv::cli

@@ -1,0 +1,22 @@
+#include "cli/output.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+namespace zorv::cli {
+
+void printLine(const std::string& text) {
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fputc('\n', stdout);
+  std::fflush(stdout);
+}
+
+void printFormatted(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  std::vprintf(format, args);
+  va_end(args);
+  std::fflush(stdout);
+}
+
+}  // namespace zorv::cli

@@ -1,0 +1,18 @@
+// Standard-output helpers of the tool. Every line is flushed as it is written
+// so that the output can be followed through a pipe; all of them go through C
+// stdio, which std::cout shares while it stays synchronised with stdio.
+#ifndef ZORV_CLI_OUTPUT_H_
+#define ZORV_CLI_OUTPUT_H_
+
+#include <string>
+
+namespace zorv::cli {
+
+/// `text` and a newline on standard output, flushed.
+void printLine(const std::string& text);
+/// printf to standard output, flushed. The format carries its own newline.
+void printFormatted(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace zorv::cli
+
+#endif  // ZORV_CLI_OUTPUT_H_

@@ -1,0 +1,56 @@
+// Runs the built zorv-label-manager-tool as a child process and captures what
+// it writes, for the end-to-end tests.
+#ifndef ZORV_CLI_TOOL_RUNNER_H_
+#define ZORV_CLI_TOOL_RUNNER_H_
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "testing/test_util.h"
+
+namespace zorv_testing {
+
+struct ToolResult {
+  std::string out;
+  std::string err;
+  int status = -1;  // exit status, or -1 when a signal ended the run
+  int signal = 0;   // the signal that ended the run, or 0
+};
+
+using Environment = std::map<std::string, std::string>;
+
+/// Runs the tool (argv[0] "zorv-label-manager-tool") with `args`, stdin from
+/// /dev/null, the test process's environment plus `env` (an empty value
+/// removes the variable), no core file, and with `asNobody` as uid and gid
+/// 65534 (tests run as root, which no permission stops). A run still going
+/// after `timeoutSeconds` is killed.
+ToolResult runTool(const std::vector<std::string>& args, const Environment& env = {},
+                   bool asNobody = false, int timeoutSeconds = 30);
+
+/// The directory of our label manager library's test double.
+std::string fakeLabelManagerDir();
+
+/// A scripted test double for one test: a temporary script and call log, and
+/// the environment that makes the tool load the double.
+class FakeLabelManager {
+ public:
+  FakeLabelManager();
+  /// Replaces the script with `rules` (the double's script language) and
+  /// empties the call log.
+  void script(const std::string& rules);
+  /// Runs the tool against the double.
+  ToolResult run(const std::vector<std::string>& args, Environment env = {},
+                 bool asNobody = false) const;
+  /// Every call the double received, one "operation(arguments)" per entry.
+  std::vector<std::string> calls() const;
+  /// The temporary directory, for files a test needs beside the script.
+  const ScopedTempDir& dir() const { return dir_; }
+
+ private:
+  ScopedTempDir dir_;
+};
+
+}  // namespace zorv_testing
+
+#endif  // ZORV_CLI_TOOL_RUNNER_H_
