@@ -11,7 +11,6 @@ TEST(Sm3Test, DigestsOfKnownInputs) {
             getSM3HashValue(""));
   // The whole string is hashed, embedded zero bytes included.
   EXPECT_NE(getSM3HashValue("a"), getSM3HashValue(std::string("a\0b", 3)));
-  EXPECT_EQ(64u, getSM3HashValue(std::string(1000, '\0')).size());
 }
 
 TEST(Sm3Test, TrailingBitsReadTheDigestBigEndian) {
