@@ -36,11 +36,17 @@ class Label {
   /// returns a copy. Throws LabelError code 13 on bad input.
   Label deserializeFromBuffer(const unsigned char* buffer, unsigned long size);
 
-  /// Reads "security.zorv" of `path` (of a link itself when `noDereference`);
-  /// 0 on success, -1 on any failure. A missing attribute is a quiet failure.
+  /// Reads "security.zorv" of `path` (of a link itself when `noDereference`)
+  /// and decodes it into this label; 0 on success, -1 on any failure. A
+  /// missing or unreadable attribute is a quiet failure (a debug line only);
+  /// other failures log one error line ending in ": PATH". Existence is judged
+  /// through links, so a dangling link is a missing file. Fields decoded before
+  /// a failure stay written.
   int getFromXattr(const std::string& path, const bool& noDereference);
-  /// Writes this label to "security.zorv" in one call; 0 on success, -1 after
-  /// a LabelError, -2 after any other exception.
+  /// Writes this label to "security.zorv" in one call (the value is built
+  /// completely first); 0 on success, -1 after a LabelError (missing file, no
+  /// xattr support, failed write), -2 after any other exception such as an
+  /// unsearchable directory on the way. Failures log one error line.
   int setToXattr(const std::string& path, const bool& noDereference);
 };
 
