@@ -7,6 +7,8 @@ packages=(
   liblog4cpp5-dev libssl-dev libzmq3-dev libsqlite3-dev sqlite3
   googletest libgtest-dev libgmock-dev
   attr
+  dpkg-dev file man-db
+  clang-14 libclang-rt-14-dev
 )
 
 missing=()
