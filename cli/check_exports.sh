@@ -10,7 +10,7 @@ for name in 'isFilePathSafe(' 'isPatternSafe(' 'wildcardMatch(' 'containsWildcar
             'getRealPath(' 'sortPaths(' 'traverseDirectory(' 'getSM3HashValue(' \
             'getSM3HashLast64Bits(' 'getKmodNameHash(' 'splitString(' 'trim(' \
             'readFile(' 'executeCommand(' 'readConfig(' 'parseConfig(' 'getAllParent(' \
-            'Logger::getInstance()' 'Label::getFromXattr(' 'Label::toString()' \
+            'Logger::getInstance()' 'Label::getFromXattr(' 'Label::toString' \
             'Id::fromString(' 'ZMQSocket::'; do
   if ! printf '%s\n' "$symbols" | grep -F -- " $name" >/dev/null; then
     echo "not exported: $name"

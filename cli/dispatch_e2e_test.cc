@@ -1,1 +1,167 @@
+// The command line as a whole: usage, option errors, actions and dispatch.
 #include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "cli/tool_runner.h"
+
+namespace zorv_testing {
+namespace {
+
+// Written out here independently of the tool's own table.
+std::string expectedUsage() {
+  const std::string tab = "\t", green = "\x1b[1;32m", yellow = "\x1b[1;33m", reset = "\x1b[0m";
+  const std::string eq26(26, '=');
+  const std::string cmd = "zorv-label-manager-tool";
+  const std::string path = "文件完整路径";
+  const std::vector<std::string> lines = {
+      "",
+      std::string(91, '='),
+      "option:",
+      "-a --add             add label/oid/sid",
+      "-g --get             get label/oid/sid",
+      "-d --del             del label/oid/sid",
+      "-r --restore         resote label",
+      "-i --init            initialize label",
+      "",
+      "arg:",
+      "-s --scan /          scan disk from / ",
+      "-v --id              sid/oid value",
+      "-u --user-set        query the oid/sid/tid/inherit_flag set by a user",
+      "-o --oid             get/set/del/clear oid for file/dir",
+      "-m --sid             get/set/del/clear sid for file/dir",
+      "-t --tid             get/set/del/clear tid for file/dir",
+      "-n --inherit-flag    get/set/del/clear inherit-flag for file/dir",
+      "-p --pkg-id          get/set/del/clear oid/sid for pkg",
+      "-q --pkg-name       get pkg id by pkg name",
+      "-k --module          get oid for kernel module",
+      "-e --device          get oid for device",
+      "-l --label           show the file label",
+      "-c --clear           clear all oid/sid",
+      "-b --batch           batch get sid and oid",
+      "-P --pattern-match   file path usage pattern matching",
+      "-R --recursive       show dir label recursively, use with parameter 'l'",
+      "-H --no-dereference  do not dereference symbolic links",
+      "-L --dir-label       show the recursion dir label(abandon, use -R -l instead), ",
+      "-S --subscribe       subscribe to file label change message.",
+      "-T --topic           subscribe to message topic.",
+      "-3 --sm3             get path sm3 hash value",
+      "Command usage example:",
+      "",
+      green + eq26 + "软件包id设置查询等命令用法和示例" + std::string(39, '=') + reset,
+      tab + "1)获取pkgid : " + cmd + " -g -p 软件包名称",
+      tab + "2)设置pkgid : " + cmd + " -a -p 软件包名称 pkg_id",
+      tab + "3)删除已设置的pkgid : " + cmd + " -d -p 软件包名称",
+      tab + "4)清空已设置的pkgid : " + cmd + " -d -c pkg_id",
+      tab + "5)查询已设置的pkgid : " + cmd + " -g -u -p 软件包名称",
+      tab + "6)列出所有pkgid : " + cmd + " -g -u -p --all",
+      green + eq26 + "标记设置命令用法和示例" + std::string(49, '=') + reset,
+      "对文件标记各个字段设置指定值：",
+      tab + "1)设置oid : " + cmd + " -a -o " + path + " pkg_id file_id path_id",
+      tab + "2)设置sid : " + cmd + " -a -m " + path + " pkg_id file_id path_id",
+      tab + "3)设置tid : " + cmd + " -a -t " + path + " tid",
+      tab + "4)设置inherit_flag : " + cmd + " -a -n " + path + " inherit_flag",
+      "删除对文件标记各个字段设置的指定值：",
+      tab + "1)删除oid : " + cmd + " -d -o " + path,
+      tab + "2)删除sid : " + cmd + " -d -m " + path,
+      tab + "3)删除tid : " + cmd + " -d -t " + path,
+      tab + "4)删除inherit_flag : " + cmd + " -d -n " + path,
+      "清空对文件标记各个字段设置的指定值：",
+      tab + "1)清空pkgid/oid/sid/tid/inherit_flag : " + cmd +
+          " -d -c sid/oid/tid/inherit_flag/pkgid",
+      "查询对文件标记各个字段设置的指定值：",
+      yellow +
+          "说明：当要查询指定文件标记相应字段的值时需要给出文件完整绝对路径,"
+          "当要查看所以文件相应字段的值时将文件完整绝对路径替换为--all即可" +
+          reset,
+      tab + "1)查询oid : " + cmd + " -g -u -o " + path,
+      tab + "2)查询sid : " + cmd + " -g -u -m " + path,
+      tab + "3)查询tid : " + cmd + " -g -u -t " + path,
+      tab + "4)查询inherit_flag : " + cmd + " -g -u -n " + path,
+      yellow +
+          "说明, 以上命令中文件路径支持模式匹配, 使用模式匹配时需要加上参数 -P, "
+          "文件路径需要加上双引号." +
+          reset,
+      tab + "1)设置oid(路径中有通配符) : " + cmd +
+          " -P -a -o \"有通配符路路径\" pkg_id file_id path_id",
+      green + eq26 + "标记查看删除等命令用法和示例" + std::string(49, '=') + reset,
+      tab + "1)查看文件/目录标记 :          " + cmd + " -g -l " + path,
+      tab + "2)递归查看目录下所有文件标记 :  " + cmd + " -R -g -l " + path,
+      tab + "1)删除文件/目录标记 :          " + cmd + " -d -l " + path,
+      tab + "2)递归删除目录下所有文件标记 :  " + cmd + " -R -d -l " + path,
+  };
+  EXPECT_EQ(lines.size(), 66u);
+  std::string text;
+  for (const std::string& line : lines) text += line + "\n";
+  return text;
+}
+
+void expectRun(const ToolResult& r, const std::string& out, const std::string& err, int status) {
+  EXPECT_EQ(r.out, out);
+  EXPECT_EQ(r.err, err);
+  EXPECT_EQ(r.status, status);
+  EXPECT_EQ(r.signal, 0);
+}
+
+TEST(DispatchE2eTest, UsageIsPrintedWholeAndEndsTheRun) {
+  FakeLabelManager fake;
+  const std::string usage = expectedUsage();
+  expectRun(fake.run({}), usage, "", 0);
+  expectRun(fake.run({"-h"}), usage, "", 0);
+  expectRun(fake.run({"--help"}), usage, "", 0);
+  // Options before -h are read and dropped; those after it are never read.
+  expectRun(fake.run({"-g", "-o", "/f", "-h", "-x"}), usage, "", 0);
+  EXPECT_TRUE(fake.calls().empty());
+}
+
+TEST(DispatchE2eTest, Sm3ValueEndsTheRunBeforeLaterOptions) {
+  FakeLabelManager fake;
+  const std::string abc = "SM3 Hash (last 64 bits): 297da02b8f4ba8e0\n";
+  expectRun(fake.run({"-3", "abc"}), abc, "", 0);
+  expectRun(fake.run({"--sm3", "abc", "-g", "-o", "/f"}), abc, "", 0);
+  const ToolResult path = fake.run({"-3", "/x", "-g"});
+  EXPECT_EQ(path.status, 0);
+  EXPECT_EQ(path.out.rfind("SM3 Hash (last 64 bits): ", 0), 0u);
+  EXPECT_EQ(path.out.size(), abc.size());
+  EXPECT_TRUE(fake.calls().empty());
+}
+
+TEST(DispatchE2eTest, OptionErrorsCarryOnlyGetoptsOwnMessage) {
+  FakeLabelManager fake;
+  expectRun(fake.run({"-x"}), "", "zorv-label-manager-tool: invalid option -- 'x'\n", 1);
+  expectRun(fake.run({"-g", "-o"}), "",
+            "zorv-label-manager-tool: option requires an argument -- 'o'\n", 1);
+  expectRun(fake.run({"--del"}), "",
+            "zorv-label-manager-tool: option '--del' requires an argument\n", 1);
+  expectRun(fake.run({"--clear=x"}), "",
+            "zorv-label-manager-tool: option '--clear' doesn't allow an argument\n", 1);
+  // -d takes no argument, so this is a delete run with nothing to delete.
+  expectRun(fake.run({"-d"}), std::string(32, '=') + "\n", "", 0);
+  EXPECT_TRUE(fake.calls().empty());
+}
+
+TEST(DispatchE2eTest, WhatToDoWhenThereIsNothingToDo) {
+  FakeLabelManager fake;
+  const std::string argError = "arg error, please check the usage help\n";
+  expectRun(fake.run({"-l", "/x"}), "", "", 1);  // no action option
+  expectRun(fake.run({"-o", "/x", "-v", "1"}), "", "", 1);
+  expectRun(fake.run({"-g"}), argError, "", 1);
+  expectRun(fake.run({"-a"}), argError, "", 1);
+  expectRun(fake.run({"-a", "-u"}), argError, "", 1);
+  expectRun(fake.run({"-g", "-f", "x"}), "", "", 0);
+  expectRun(fake.run({"-a", "-f", "x"}), "", "", 0);
+  EXPECT_TRUE(fake.calls().empty());
+}
+
+TEST(DispatchE2eTest, LastActionWinsAndIdIsIgnored) {
+  FakeLabelManager fake;
+  fake.script("getFileOid ret=0 id=1,2,3\n");
+  const std::string line = "/f oid:0000000000000001-0000000000000002-0000000000000003\n";
+  expectRun(fake.run({"-a", "-g", "-o", "/f"}), line, "", 0);
+  expectRun(fake.run({"-d", "--get", "-v", "9", "-o", "/f"}), line, "", 0);
+  EXPECT_EQ(fake.calls(), (std::vector<std::string>{"getFileOid(\"/f\")", "getFileOid(\"/f\")"}));
+}
+
+}  // namespace
+}  // namespace zorv_testing
