@@ -1,0 +1,93 @@
+#include "common/config.h"
+
+#include <map>
+#include <string>
+#include <unordered_map>
+
+#include <gtest/gtest.h>
+
+#include "testing/test_util.h"
+
+using zorv_testing::LogCapture;
+using zorv_testing::ScopedTempDir;
+using zorv_testing::writeTextFile;
+
+namespace {
+
+using Section = std::unordered_map<std::string, std::string>;
+
+// One file, read by both readers: they disagree on purpose about comments,
+// blanks, keys outside sections and repeated keys.
+const char kCrlfConfig[] =
+    "top=1\r\n"
+    "# comment\r\n"
+    "; note=1\r\n"
+    "[s]\r\n"
+    "k = v 1\r\n"
+    "; note=2\r\n"
+    "dup=1\r\n"
+    "dup=2\r\n"
+    "  port = 80\r\n"
+    "eq=a=b\r\n"
+    "[broken\r\n"
+    "\tkeytab=\tx\ty\r\n"
+    "no pair here\r\n"
+    "[s] trailing=t\r\n"
+    "[ net ]\r\n"
+    " = empty key\r\n"
+    "\r\n"
+    "[empty]\r\n"
+    "[]\r\n"
+    "after=reset\r\n"
+    "[s]\r\n"
+    "dup=3\r\n";
+
+}  // namespace
+
+TEST(ConfigReadersTest, SameCrlfFileReadByBothRuleSets) {
+  ScopedTempDir dir;
+  writeTextFile(dir / "c.ini", kCrlfConfig);
+
+  std::unordered_map<std::string, Section> expectedSections{
+      {"s",
+       {{"k", "v 1"},
+        {"; note", "2"},
+        {"dup", "1"},
+        {"port", "80"},
+        {"eq", "a=b"},
+        {"keytab", "x\ty"},
+        {"[s] trailing", "t"}}},
+      {" net ", {{"", "empty key"}}},
+      {"empty", {}},
+      {"", {}},
+  };
+  EXPECT_EQ(expectedSections, parseConfig(dir / "c.ini"));
+
+  std::map<std::string, std::string> expectedFlat{
+      {"top", "1"},    {"s.k ", "v1"},       {"s.dup", "3"},         {"s.port ", "80"},
+      {"s.eq", "a=b"}, {"s.keytab", "x\ty"}, {" net .", "emptykey"}, {"after", "reset"},
+  };
+  EXPECT_EQ(expectedFlat, readConfig(dir / "c.ini"));
+}
+
+TEST(ConfigReadersTest, PairsWithoutSection) {
+  ScopedTempDir dir;
+  writeTextFile(dir / "flat.ini", "a=1\nb = two words \n");
+  EXPECT_TRUE(parseConfig(dir / "flat.ini").empty());
+  EXPECT_EQ((std::map<std::string, std::string>{{"a", "1"}, {"b ", "twowords"}}),
+            readConfig(dir / "flat.ini"));
+}
+
+TEST(ConfigReadersTest, MissingFileGivesEmptyTableAndEachReaderItsMessage) {
+  ScopedTempDir dir;
+  const std::string missing = dir / "missing.ini";
+  LogCapture capture;
+  EXPECT_TRUE(parseConfig(missing).empty());
+  EXPECT_TRUE(readConfig(missing).empty());
+  std::vector<std::string> lines = capture.lines();
+  ASSERT_EQ(2u, lines.size()) << capture.dump();
+  EXPECT_EQ(0u, lines[0].rfind("ERROR [parseConfig:", 0)) << lines[0];
+  EXPECT_NE(std::string::npos, lines[0].find("] Failed to open config: " + missing));
+  EXPECT_EQ(0u, lines[1].rfind("ERROR [readConfig:", 0)) << lines[1];
+  EXPECT_NE(std::string::npos, lines[1].find("] can not open file " + missing));
+}
