@@ -3,11 +3,13 @@
 #include <dirent.h>
 #include <limits.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
+#include <string_view>
 
 #include "log/logger.h"
 
@@ -72,44 +74,103 @@ std::vector<std::string> readInstalledPackages(const std::string& dpkgDir) {
   return names;
 }
 
-void OwnershipIndex::load(const std::string& dpkgDir, const std::vector<std::string>& packages) {
+namespace {
+
+// Canonical forms of the directories named in file lists. Most listed
+// directories are real, so each costs one lstat() on top of its parent's
+// answer; only a link is resolved whole.
+class DirResolver {
+ public:
+  const std::string& resolve(const std::string& dir) {
+    auto found = cache_.find(dir);
+    if (found != cache_.end()) return found->second;
+    std::string real;
+    size_t slash = dir.rfind('/');
+    if (dir == "/" || slash == std::string::npos) {
+      real = dir;
+    } else {
+      const std::string& parent = resolve(slash == 0 ? "/" : dir.substr(0, slash));
+      struct stat st;
+      char resolved[PATH_MAX];
+      if (lstat(dir.c_str(), &st) == 0 && S_ISLNK(st.st_mode) &&
+          realpath(dir.c_str(), resolved) != nullptr)
+        real = resolved;
+      else
+        real = (parent == "/" ? "" : parent) + dir.substr(slash);
+    }
+    return cache_.emplace(dir, std::move(real)).first->second;
+  }
+
+ private:
+  std::unordered_map<std::string, std::string> cache_;
+};
+
+// The whole file, or "" when it cannot be read.
+std::string slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary | std::ios::ate);
+  if (!in) return "";
+  std::string content(static_cast<size_t>(in.tellg()), '\0');
+  in.seekg(0);
+  in.read(content.data(), static_cast<std::streamsize>(content.size()));
+  content.resize(static_cast<size_t>(in.gcount()));
+  return content;
+}
+
+}  // namespace
+
+void OwnershipIndex::load(const std::string& dpkgDir, const std::vector<std::string>& packages,
+                          const std::unordered_set<std::string>* only) {
   owners_.clear();
+  // With a short list of wanted paths, most listed lines are passed over on
+  // their last name alone, before any directory is resolved.
+  std::unordered_set<std::string_view> wantedNames;
+  if (only != nullptr) {
+    for (const std::string& path : *only)
+      wantedNames.insert(std::string_view(path).substr(path.rfind('/') + 1));
+  }
   std::string infoDir = dpkgDir + "/info";
   std::unique_ptr<DIR, DirCloser> dir(opendir(infoDir.c_str()));
   if (!dir) {
     ZLOG_DEBUG("no dpkg file lists in %s", infoDir.c_str());
     return;
   }
-  owners_.reserve(1 << 17);
-  // Many listed paths share a directory; resolve each directory once.
-  std::unordered_map<std::string, std::string> realDirs;
-  auto realDir = [&realDirs](const std::string& listed) -> const std::string& {
-    auto found = realDirs.find(listed);
-    if (found != realDirs.end()) return found->second;
-    char resolved[PATH_MAX];
-    std::string real = realpath(listed.c_str(), resolved) != nullptr ? resolved : listed;
-    return realDirs.emplace(listed, real).first->second;
-  };
-
+  if (only == nullptr) owners_.reserve(1 << 17);
+  DirResolver dirs;
+  std::string key, lastDir;
+  const std::string* lastReal = nullptr;
   while (struct dirent* entry = readdir(dir.get())) {
     std::string file = entry->d_name;
     if (file.size() <= 5 || file.compare(file.size() - 5, 5, ".list") != 0) continue;
-    std::string name = file.substr(0, file.size() - 5);
-    name = name.substr(0, name.find(':'));
+    std::string name = file.substr(0, std::min(file.size() - 5, file.find(':')));
     auto it = std::lower_bound(packages.begin(), packages.end(), name);
     if (it == packages.end() || *it != name) continue;
     uint32_t owner = static_cast<uint32_t>(it - packages.begin());
 
-    std::ifstream list(infoDir + "/" + file);
-    std::string path;
-    while (std::getline(list, path)) {
-      if (path.size() < 2 || path[0] != '/') continue;  // "/." heads every list
-      while (path.size() > 1 && path.back() == '/') path.pop_back();
-      size_t slash = path.rfind('/');
-      std::string dirPart = slash == 0 ? "/" : path.substr(0, slash);
-      const std::string& real = realDir(dirPart);
-      std::string key = (real == "/" ? "" : real) + path.substr(slash);
-      auto [slot, inserted] = owners_.emplace(std::move(key), owner);
+    std::string list = slurp(infoDir + "/" + file);
+    for (size_t begin = 0, end; begin < list.size(); begin = end + 1) {
+      end = list.find('\n', begin);
+      if (end == std::string::npos) end = list.size();
+      size_t last = end;
+      while (last > begin + 1 && list[last - 1] == '/') --last;
+      // "/." heads every list; anything not absolute is not a path.
+      if (last - begin < 2 || list[begin] != '/' || (last - begin == 2 && list[begin + 1] == '.'))
+        continue;
+      size_t slash = list.rfind('/', last - 1);
+      if (only != nullptr &&
+          wantedNames.count(std::string_view(list).substr(slash + 1, last - slash - 1)) == 0)
+        continue;
+      // Lines of one list come grouped by directory: ask the resolver only
+      // when the directory changes.
+      std::string_view listedDir(list.data() + begin, slash == begin ? 1 : slash - begin);
+      if (listedDir != lastDir) {
+        lastDir.assign(listedDir);
+        lastReal = &dirs.resolve(lastDir);
+      }
+      const std::string& real = *lastReal;
+      key.assign(real == "/" ? "" : real);
+      key.append(list, slash, last - slash);
+      if (only != nullptr && only->count(key) == 0) continue;
+      auto [slot, inserted] = owners_.emplace(key, owner);
       if (!inserted && slot->second != owner) slot->second = kShared;
     }
   }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace zorv::labelmgr {
@@ -27,8 +28,11 @@ class OwnershipIndex {
   /// Reads the file lists of `packages` (sorted, as readInstalledPackages
   /// answers); lists of other packages are ignored. Each listed path is keyed
   /// with its directory made canonical, so that a file listed as /bin/x is
-  /// found as /usr/bin/x where /bin links to /usr/bin.
-  void load(const std::string& dpkgDir, const std::vector<std::string>& packages);
+  /// found as /usr/bin/x where /bin links to /usr/bin. With `only`, just
+  /// those canonical paths are indexed, which is much cheaper than indexing
+  /// all of a full system's lists.
+  void load(const std::string& dpkgDir, const std::vector<std::string>& packages,
+            const std::unordered_set<std::string>* only = nullptr);
 
   /// Index into the `packages` given to load() of the one package that lists
   /// `canonicalPath`; kNoOwner when none does, and also when several do

@@ -113,9 +113,9 @@ int delField(const char* path, int patternMatch, Field field) {
     ZLOG_ERROR("no user-set %s for %s", fieldName(field), target.c_str());
     return -1;
   }
-  std::unique_ptr<LabelPolicy> policy = LabelPolicy::load(db.get());
-  if (policy == nullptr) return -1;
   std::vector<std::string> files = pattern ? filesCoveredBy(target) : std::vector{target};
+  std::unique_ptr<LabelPolicy> policy = LabelPolicy::loadFor(db.get(), files);
+  if (policy == nullptr) return -1;
   std::vector<std::string> changes;
   size_t failed =
       relabelField(files, field, *policy, std::string("del-") + fieldName(field), &changes);
@@ -138,9 +138,6 @@ int clearField(Field field) {
   if (!transaction.begun()) return -1;
   std::vector<FileRule> rules;
   if (!loadFileRules(*db, field, &rules) || !deleteFileRules(*db, field)) return -1;
-  std::unique_ptr<LabelPolicy> policy = LabelPolicy::load(db.get());
-  if (policy == nullptr) return -1;
-
   std::vector<std::string> files;
   for (const FileRule& rule : rules) {
     if (!rule.isPattern) {
@@ -152,7 +149,8 @@ int clearField(Field field) {
   }
   std::sort(files.begin(), files.end());
   files.erase(std::unique(files.begin(), files.end()), files.end());
-
+  std::unique_ptr<LabelPolicy> policy = LabelPolicy::loadFor(db.get(), files);
+  if (policy == nullptr) return -1;
   std::vector<std::string> changes;
   size_t failed =
       relabelField(files, field, *policy, std::string("clear-") + fieldName(field), &changes);

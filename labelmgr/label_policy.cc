@@ -4,13 +4,22 @@
 
 namespace zorv::labelmgr {
 
-std::unique_ptr<LabelPolicy> LabelPolicy::load(StateDb* db) {
+std::unique_ptr<LabelPolicy> LabelPolicy::load(StateDb* db) { return load(db, nullptr); }
+
+std::unique_ptr<LabelPolicy> LabelPolicy::loadFor(StateDb* db,
+                                                  const std::vector<std::string>& canonicalPaths) {
+  std::unordered_set<std::string> only(canonicalPaths.begin(), canonicalPaths.end());
+  return load(db, &only);
+}
+
+std::unique_ptr<LabelPolicy> LabelPolicy::load(StateDb* db,
+                                               const std::unordered_set<std::string>* only) {
   std::vector<FileRule> rules;
   if (db != nullptr && !loadFileRules(*db, std::nullopt, &rules)) return nullptr;
   std::unique_ptr<LabelPolicy> policy(new LabelPolicy(std::move(rules)));
   std::string dpkgDir = dpkgDirectory();
   if (!policy->packageIds_.load(db, dpkgDir)) return nullptr;
-  policy->owners_.load(dpkgDir, policy->packageIds_.installed());
+  policy->owners_.load(dpkgDir, policy->packageIds_.installed(), only);
   return policy;
 }
 

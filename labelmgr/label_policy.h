@@ -19,6 +19,8 @@
 
 #include <memory>
 #include <string>
+#include <unordered_set>
+#include <vector>
 
 #include "label/label.h"
 #include "labelmgr/dpkg_db.h"
@@ -39,6 +41,12 @@ class LabelPolicy {
   /// result must match what that transaction sees. Null (logged) when the
   /// database cannot be read.
   static std::unique_ptr<LabelPolicy> load(StateDb* db);
+  /// As load(), but ready to label only `canonicalPaths`: the dpkg file
+  /// lists are searched for these paths alone, which on a full system costs a
+  /// fraction of indexing them all. Any other path is labelled as if no
+  /// package owned it.
+  static std::unique_ptr<LabelPolicy> loadFor(StateDb* db,
+                                              const std::vector<std::string>& canonicalPaths);
 
   LabelPolicy(const LabelPolicy&) = delete;
   LabelPolicy& operator=(const LabelPolicy&) = delete;
@@ -56,7 +64,9 @@ class LabelPolicy {
   const RuleSet& rules() const { return rules_; }
 
  private:
-  LabelPolicy(std::vector<FileRule> rules) : rules_(std::move(rules)) {}
+  explicit LabelPolicy(std::vector<FileRule> rules) : rules_(std::move(rules)) {}
+  static std::unique_ptr<LabelPolicy> load(StateDb* db,
+                                           const std::unordered_set<std::string>* only);
 
   PackageIds packageIds_;
   OwnershipIndex owners_;

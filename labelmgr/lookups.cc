@@ -128,42 +128,55 @@ int getDeviceOid(const char* deviceName, uint64_t* oid) {
 }
 
 int policies_parse(const PolicyTable& policies, PolicyResult& result) {
-  bool absent = false;
-  std::unique_ptr<lm::StateDb> db = lm::StateDb::open(lm::StateDb::OpenMode::kExisting, &absent);
-  if (db == nullptr && !absent) return -1;
-  std::unique_ptr<lm::LabelPolicy> policy = lm::LabelPolicy::load(db.get());
-  if (policy == nullptr) return -1;
-
-  PolicyResult parsed;
+  // First the paths every file and pattern item stands for, so that the dpkg
+  // lists are searched for just those.
+  std::map<std::string, std::map<std::string, std::vector<std::string>>> itemPaths;
+  std::vector<std::string> allPaths;
   for (const auto& [kind, items] : policies) {
     if (!isFileKind(kind) && !isPatternKind(kind) && !isPackageKind(kind)) {
       ZLOG_ERROR("unknown policy kind: %s", kind.c_str());
       return -1;
     }
-    std::map<std::string, std::vector<ZORV_ID>>& resolved = parsed[kind];
     for (const std::string& item : items) {
-      std::vector<ZORV_ID>& ids = resolved[item];
+      std::vector<std::string>& paths = itemPaths[kind][item];
       if (isFileKind(kind)) {
         // A policy may name a file that is not there (yet): its OID follows
         // from the path all the same.
         if (!isFilePathSafe(item, true, false, true)) return -1;
-        ids.push_back(toZorvId(policy->policyOid(policyItemPath(item))));
+        paths.push_back(policyItemPath(item));
       } else if (isPatternKind(kind)) {
         std::string pattern = lm::admitPattern(item);
         if (pattern.empty()) return -1;
-        for (const std::string& file : lm::filesCoveredBy(pattern))
-          ids.push_back(toZorvId(policy->policyOid(file)));
-      } else {
-        if (!lm::admitPackageName(item.c_str())) return -1;
-        std::optional<uint64_t> id = policy->packageIds().idOf(item);
-        if (id)
-          ids.push_back(ZORV_ID{*id, 0, 0});
-        else
-          ZLOG_WARN("package %s is neither installed nor given an id", item.c_str());
+        paths = lm::filesCoveredBy(pattern);
+      } else if (!lm::admitPackageName(item.c_str())) {
+        return -1;
       }
+      allPaths.insert(allPaths.end(), paths.begin(), paths.end());
     }
   }
-  for (auto& [kind, items] : parsed) result[kind] = std::move(items);
+
+  bool absent = false;
+  std::unique_ptr<lm::StateDb> db = lm::StateDb::open(lm::StateDb::OpenMode::kExisting, &absent);
+  if (db == nullptr && !absent) return -1;
+  std::unique_ptr<lm::LabelPolicy> policy = lm::LabelPolicy::loadFor(db.get(), allPaths);
+  if (policy == nullptr) return -1;
+
+  for (const auto& [kind, items] : itemPaths) {
+    std::map<std::string, std::vector<ZORV_ID>>& resolved = result[kind];
+    for (const auto& [item, paths] : items) {
+      std::vector<ZORV_ID>& ids = resolved[item];
+      ids.clear();
+      if (!isPackageKind(kind)) {
+        for (const std::string& path : paths) ids.push_back(toZorvId(policy->policyOid(path)));
+        continue;
+      }
+      std::optional<uint64_t> id = policy->packageIds().idOf(item);
+      if (id)
+        ids.push_back(ZORV_ID{*id, 0, 0});
+      else
+        ZLOG_WARN("package %s is neither installed nor given an id", item.c_str());
+    }
+  }
   return 0;
 }
 

@@ -24,7 +24,7 @@ std::string restoreLabel(const std::string& path, bool withRules) {
   if (db == nullptr) return "";
   lm::ImmediateTransaction transaction(*db);
   if (!transaction.begun()) return "";
-  std::unique_ptr<lm::LabelPolicy> policy = lm::LabelPolicy::load(db.get());
+  std::unique_ptr<lm::LabelPolicy> policy = lm::LabelPolicy::loadFor(db.get(), {file});
   if (policy == nullptr) return "";
   struct stat st;
   if (lstat(file.c_str(), &st) != 0) {
