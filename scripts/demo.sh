@@ -40,7 +40,12 @@ PROPERTIES
 
 say() { printf '\n# %s\n' "$*"; }
 run() {
-  printf '$ zorv-label-manager-tool %s\n' "$*"
+  local shown=() arg
+  for arg in "$@"; do
+    [[ $arg == *[*?\ ]* ]] && arg="\"$arg\""  # quote patterns as one would type them
+    shown+=("$arg")
+  done
+  printf '$ zorv-label-manager-tool %s\n' "${shown[*]}"
   "$tool" "$@"
 }
 
@@ -79,4 +84,5 @@ run -g -o "$tree/etc/demo-app.conf"
 say "The SM3 value of a path (the OID path part above)"
 run -3 "$tree/bin/demo-app"
 
-printf '\n# %s lines were logged to the temporary log.\n' "$(wc -l <"$work/zorv_label_manager.log" 2>/dev/null || echo 0)"
+printf '\n# Log lines written meanwhile (level INFO and up): %s\n' \
+  "$(cat "$work/zorv_label_manager.log" 2>/dev/null | wc -l)"
