@@ -7,12 +7,15 @@
 #include <string>
 #include <vector>
 
-/// The canonical path (links, "." and ".." resolved), or "" on any failure.
+/// The canonical path (links, "." and ".." resolved), or "" on any failure:
+/// a warning for an empty or missing path, an error when resolving fails.
 std::string getRealPath(const std::string& path);
 /// The path with its directory made canonical and its last component kept as
 /// written (the real location of a link itself), or "".
 std::string getLinkRealPath(const std::string& path);
-/// The deepest existing directory in front of the first '*' or '?', or "".
+/// The deepest existing directory in front of the first '*' or '?' (without a
+/// trailing slash), or "" for a relative pattern that runs out; a directory
+/// that cannot be examined is logged as an error and gives "".
 std::string findFirstValidParentDir(const std::string& pattern);
 /// Entries of the parent directory whose names fnmatch() the last component,
 /// in directory order. Throws std::filesystem::filesystem_error when the
@@ -24,7 +27,8 @@ bool isParentPath(const std::string& parent, const std::string& child);
 std::string formatPath(const std::string& path);
 /// Strict order of absolute path texts, bytes compared as signed chars.
 bool comparePaths(const std::filesystem::path& a, const std::filesystem::path& b);
-/// The file system holding `path` is mounted read-only; false when statvfs fails.
+/// The file system holding `path` is mounted read-only; false (and an error
+/// line) when statvfs fails.
 bool isFilesystemReadOnly(const char* path);
 
 #endif  // ZORV_COMMON_PATH_RESOLVE_H_

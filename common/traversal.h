@@ -8,7 +8,9 @@
 /// Appends to `out` every readable directory under `root` (breadth first),
 /// each followed by its regular files and symbolic links in readdir order.
 /// Links are never followed; at most 100000 directories are read. Returns 0
-/// when the walk ran, -1 when the root is unusable.
+/// when the walk ran (also when the cap cut it short), -1 when the root is
+/// unusable. Every problem is logged at error level; below the root the
+/// entry is skipped and the walk goes on.
 int traverseDirectory(const std::string& root, std::vector<std::string>& out);
 /// Expands entries whose last component holds '*' and sorts everything with
 /// comparePaths. Duplicates stay. Lets a filesystem_error of the expansion
