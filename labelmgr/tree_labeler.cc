@@ -1,0 +1,743 @@
+#include "labelmgr/tree_labeler.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <unordered_set>
+#include <utility>
+
+#include "cli/zorvlabelmgr.h"
+#include "common/path_resolve.h"
+#include "label/label.h"
+#include "labelmgr/change_bus.h"
+#include "labelmgr/label_policy.h"
+#include "labelmgr/state_db.h"
+#include "log/logger.h"
+
+// Linux 6.13 added the *xattrat calls, which let workers read and write
+// attributes relative to a directory descriptor instead of resolving a whole
+// path each time (and without a PATH_MAX limit). The numbers are the same on
+// every architecture that postdates the unified table.
+#ifndef SYS_setxattrat
+#define SYS_setxattrat 463
+#endif
+#ifndef SYS_getxattrat
+#define SYS_getxattrat 464
+#endif
+
+namespace zorv::labelmgr {
+namespace {
+
+constexpr char kAttributeName[] = "security.zorv";
+constexpr size_t kLabelBufferBytes = 128;  // the binary form is at most 81 bytes
+constexpr size_t kBatchItems = 256;
+// Each queued entry keeps its directory's descriptor open; bounding the
+// directories per batch and the batches in flight bounds the descriptors.
+constexpr size_t kBatchDirectories = 8;
+constexpr size_t kQueuedBatches = 16;
+// Directories of the walk's current branch that stay open; deeper trees close
+// the outermost ones and reopen them through ".." on the way back.
+constexpr size_t kOpenFrames = 64;
+constexpr auto kProgressInterval = std::chrono::milliseconds(250);
+
+// The Logger's category cache is not thread-safe; the walker and the workers
+// log through this lock.
+std::mutex& logMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+#define TREE_LOG(level, ...)                         \
+  do {                                               \
+    std::lock_guard<std::mutex> logLock(logMutex()); \
+    ZLOG_##level(__VA_ARGS__);                       \
+  } while (0)
+
+class DirFd {
+ public:
+  explicit DirFd(int fd) : fd_(fd) {}
+  ~DirFd() { ::close(fd_); }
+  DirFd(const DirFd&) = delete;
+  DirFd& operator=(const DirFd&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+using DirRef = std::shared_ptr<const DirFd>;
+
+struct EntryStat {
+  struct stat st {};
+  uint64_t mountId = 0;
+  bool hasMountId = false;
+};
+
+// statx() with the mount id, which tells bind mounts of the same device apart.
+int statEntry(int dirfd, const char* name, int flags, EntryStat* out) {
+  struct statx sx;
+  if (::statx(dirfd, name, flags | AT_NO_AUTOMOUNT, STATX_BASIC_STATS | STATX_MNT_ID, &sx) != 0) {
+    return -1;
+  }
+  struct stat& st = out->st;
+  st = {};
+  st.st_dev = makedev(sx.stx_dev_major, sx.stx_dev_minor);
+  st.st_ino = sx.stx_ino;
+  st.st_mode = sx.stx_mode;
+  st.st_nlink = sx.stx_nlink;
+  st.st_uid = sx.stx_uid;
+  st.st_gid = sx.stx_gid;
+  st.st_rdev = makedev(sx.stx_rdev_major, sx.stx_rdev_minor);
+  st.st_size = static_cast<off_t>(sx.stx_size);
+  st.st_blksize = sx.stx_blksize;
+  st.st_blocks = static_cast<blkcnt_t>(sx.stx_blocks);
+  st.st_atim = {sx.stx_atime.tv_sec, sx.stx_atime.tv_nsec};
+  st.st_mtim = {sx.stx_mtime.tv_sec, sx.stx_mtime.tv_nsec};
+  st.st_ctim = {sx.stx_ctime.tv_sec, sx.stx_ctime.tv_nsec};
+  out->hasMountId = (sx.stx_mask & STATX_MNT_ID) != 0;
+  out->mountId = sx.stx_mnt_id;
+  return 0;
+}
+
+std::string joinPath(const std::string& dir, const char* name) {
+  std::string path = dir;
+  if (path.empty() || path.back() != '/') path += '/';
+  path += name;
+  return path;
+}
+
+// One entry to label: its canonical path and how to reach it.
+struct Item {
+  DirRef dir;  // the directory `path` is taken relative to; null: `path` is used whole
+  std::string path;
+  uint32_t nameOffset = 0;
+  bool hasStat = false;
+  bool linkResolved = false;  // a hard link already chosen as its inode's one name
+  EntryStat stat;
+
+  int dirfd() const { return dir ? dir->get() : AT_FDCWD; }
+  const char* name() const { return path.c_str() + nameOffset; }
+};
+
+struct XattrArgs {
+  uint64_t value;
+  uint32_t size;
+  uint32_t flags;
+};
+
+std::atomic<bool> gNoXattrAt{false};
+
+// A path that reaches the entry through the system calls that take one.
+std::string reachablePath(const Item& item) {
+  if (!item.dir || item.path.size() < PATH_MAX) return item.path;
+  return "/proc/self/fd/" + std::to_string(item.dir->get()) + "/" + item.name();
+}
+
+ssize_t readLabel(const Item& item, unsigned char* buffer, size_t size) {
+  if (!gNoXattrAt.load(std::memory_order_relaxed)) {
+    XattrArgs args{reinterpret_cast<uintptr_t>(buffer), static_cast<uint32_t>(size), 0};
+    long rc = ::syscall(SYS_getxattrat, item.dirfd(), item.name(), AT_SYMLINK_NOFOLLOW,
+                        kAttributeName, &args, sizeof args);
+    if (rc >= 0 || errno != ENOSYS) return rc;
+    gNoXattrAt = true;
+  }
+  return ::lgetxattr(reachablePath(item).c_str(), kAttributeName, buffer, size);
+}
+
+int writeLabel(const Item& item, const unsigned char* bytes, size_t size) {
+  if (!gNoXattrAt.load(std::memory_order_relaxed)) {
+    XattrArgs args{reinterpret_cast<uintptr_t>(bytes), static_cast<uint32_t>(size), 0};
+    long rc = ::syscall(SYS_setxattrat, item.dirfd(), item.name(), AT_SYMLINK_NOFOLLOW,
+                        kAttributeName, &args, sizeof args);
+    if (rc == 0 || errno != ENOSYS) return static_cast<int>(rc);
+    gNoXattrAt = true;
+  }
+  return ::lsetxattr(reachablePath(item).c_str(), kAttributeName, bytes, size, 0);
+}
+
+// Sandboxes answer unknown system calls with EPERM as often as with ENOSYS;
+// either way the path-based calls are used from the start.
+void probeXattrAt(const std::string& root) {
+  unsigned char buffer[kLabelBufferBytes];
+  XattrArgs args{reinterpret_cast<uintptr_t>(buffer), sizeof buffer, 0};
+  long rc = ::syscall(SYS_getxattrat, AT_FDCWD, root.c_str(), AT_SYMLINK_NOFOLLOW, kAttributeName,
+                      &args, sizeof args);
+  gNoXattrAt = rc < 0 && (errno == ENOSYS || errno == EPERM);
+}
+
+class BatchQueue {
+ public:
+  void push(std::vector<Item> batch) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    notFull_.wait(lock, [this] { return batches_.size() < kQueuedBatches; });
+    batches_.push_back(std::move(batch));
+    notEmpty_.notify_one();
+  }
+  bool pop(std::vector<Item>* batch) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    notEmpty_.wait(lock, [this] { return !batches_.empty() || closed_; });
+    if (batches_.empty()) return false;
+    *batch = std::move(batches_.front());
+    batches_.pop_front();
+    notFull_.notify_one();
+    return true;
+  }
+  void close() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    closed_ = true;
+    notEmpty_.notify_all();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable notEmpty_;
+  std::condition_variable notFull_;
+  std::deque<std::vector<Item>> batches_;
+  bool closed_ = false;
+};
+
+void addStats(TreeLabelStats& total, const TreeLabelStats& part) {
+  total.seen += part.seen;
+  total.written += part.written;
+  total.failed += part.failed;
+  total.mountsSkipped += part.mountsSkipped;
+  total.excluded += part.excluded;
+}
+
+// What the workers share during one run.
+class TreeRun {
+ public:
+  TreeRun(const LabelPolicy& policy, const EntryStat& root) : policy_(policy), root_(root) {}
+
+  bool onRootMount(const EntryStat& entry) const {
+    if (entry.st.st_dev != root_.st.st_dev) return false;
+    return !(entry.hasMountId && root_.hasMountId && entry.mountId != root_.mountId);
+  }
+
+  void process(Item& item, TreeLabelStats& stats) {
+    if (!item.hasStat) {
+      if (statEntry(item.dirfd(), item.name(), AT_SYMLINK_NOFOLLOW, &item.stat) != 0) {
+        reportEntryError("cannot stat", item, errno, stats);
+        return;
+      }
+      item.hasStat = true;
+    }
+    const struct stat& st = item.stat.st;
+    if (!S_ISDIR(st.st_mode) && !S_ISREG(st.st_mode) && !S_ISLNK(st.st_mode)) return;
+    if (!onRootMount(item.stat)) {
+      // A file bind-mounted from elsewhere (as container runtimes do).
+      TREE_LOG(INFO, "not labelling %s: it lies on another mount", item.path.c_str());
+      ++stats.mountsSkipped;
+      return;
+    }
+    if (!S_ISDIR(st.st_mode) && st.st_nlink > 1 && !item.linkResolved) {
+      defer(std::move(item));
+      return;
+    }
+    ++stats.seen;
+
+    Label label = policy_.effectiveLabel(item.path, st);
+    unsigned char wanted[kLabelBufferBytes];
+    size_t wantedSize = label.serializeToBuffer(wanted, sizeof wanted);
+    if (wantedSize == 0) {
+      TREE_LOG(ERROR, "cannot encode the label of %s", item.path.c_str());
+      ++stats.failed;
+      return;
+    }
+    unsigned char current[kLabelBufferBytes];
+    ssize_t currentSize = readLabel(item, current, sizeof current);
+    if (currentSize < 0 && errno != ENODATA && errno != ERANGE) {
+      reportEntryError("cannot read the label of", item, errno, stats);
+      return;
+    }
+    if (currentSize == static_cast<ssize_t>(wantedSize) &&
+        std::memcmp(current, wanted, wantedSize) == 0) {
+      return;
+    }
+    if (writeLabel(item, wanted, wantedSize) != 0) {
+      reportEntryError("cannot write the label of", item, errno, stats);
+      return;
+    }
+    ++stats.written;
+  }
+
+  void reportEntryError(const char* what, const Item& item, int error, TreeLabelStats& stats) {
+    ++stats.failed;
+    if (error == ENOENT) {
+      TREE_LOG(INFO, "%s vanished during the walk", item.path.c_str());
+      return;
+    }
+    if (error == ENOTSUP || error == EROFS) {
+      // The whole file system answers alike: say so once, not per file.
+      std::lock_guard<std::mutex> lock(onceMutex_);
+      if (!quietDevices_.insert(item.stat.st.st_dev).second) return;
+      TREE_LOG(ERROR, "%s %s: %s; further failures on this file system are not logged", what,
+               item.path.c_str(), std::strerror(error));
+      return;
+    }
+    TREE_LOG(ERROR, "%s %s: %s", what, item.path.c_str(), std::strerror(error));
+  }
+
+  // Hard links: the inode is labelled once, through the smallest of its
+  // names, after the walk has seen them all.
+  void defer(Item item) {
+    if (item.path.size() < PATH_MAX) {
+      item.dir.reset();  // keep no descriptor open for it
+      item.nameOffset = 0;
+    }
+    item.linkResolved = true;
+    std::lock_guard<std::mutex> lock(deferredMutex_);
+    auto key = std::make_pair(item.stat.st.st_dev, item.stat.st.st_ino);
+    auto found = deferred_.find(key);
+    if (found == deferred_.end()) {
+      deferred_.emplace(key, std::move(item));
+    } else if (item.path < found->second.path) {
+      found->second = std::move(item);
+    }
+  }
+
+  std::vector<Item> takeDeferred() {
+    std::vector<Item> items;
+    for (auto& entry : deferred_) items.push_back(std::move(entry.second));
+    deferred_.clear();
+    return items;
+  }
+
+  std::atomic<uint64_t> done{0};
+
+ private:
+  const LabelPolicy& policy_;
+  const EntryStat root_;
+  std::mutex deferredMutex_;
+  std::map<std::pair<dev_t, ino_t>, Item> deferred_;
+  std::mutex onceMutex_;
+  std::set<dev_t> quietDevices_;
+};
+
+class WorkerPool {
+ public:
+  WorkerPool(TreeRun& run, unsigned count) : run_(run), stats_(count) {
+    for (unsigned i = 0; i < count; ++i) threads_.emplace_back([this, i] { work(stats_[i]); });
+  }
+  ~WorkerPool() { finish(); }
+  WorkerPool(const WorkerPool&) = delete;
+  WorkerPool& operator=(const WorkerPool&) = delete;
+
+  void push(std::vector<Item> batch) { queue_.push(std::move(batch)); }
+
+  /// Waits for every queued entry; adds the workers' counts to `total`.
+  void finish(TreeLabelStats* total = nullptr) {
+    queue_.close();
+    for (std::thread& thread : threads_) {
+      if (thread.joinable()) thread.join();
+    }
+    if (total != nullptr) {
+      for (const TreeLabelStats& part : stats_) addStats(*total, part);
+    }
+  }
+
+ private:
+  void work(TreeLabelStats& stats) {
+    std::vector<Item> batch;
+    while (queue_.pop(&batch)) {
+      for (Item& item : batch) {
+        try {
+          run_.process(item, stats);
+        } catch (const std::exception& e) {
+          TREE_LOG(ERROR, "labelling %s failed: %s", item.path.c_str(), e.what());
+          ++stats.failed;
+        }
+      }
+      run_.done += batch.size();
+      batch.clear();
+    }
+  }
+
+  TreeRun& run_;
+  BatchQueue queue_;
+  std::vector<TreeLabelStats> stats_;
+  std::vector<std::thread> threads_;
+};
+
+// Gathers entries into batches, closing a batch when it is full or spans
+// enough directories.
+class Batcher {
+ public:
+  explicit Batcher(WorkerPool& pool) : pool_(pool) {}
+
+  void add(Item item) {
+    const DirFd* dir = item.dir.get();
+    if (dir != lastDir_) {
+      if (directories_ == kBatchDirectories) flush();
+      lastDir_ = dir;
+      ++directories_;
+    }
+    batch_.push_back(std::move(item));
+    if (batch_.size() >= kBatchItems) flush();
+  }
+
+  void flush() {
+    if (!batch_.empty()) pool_.push(std::move(batch_));
+    batch_ = std::vector<Item>();
+    batch_.reserve(kBatchItems);
+    directories_ = 0;
+    lastDir_ = nullptr;
+  }
+
+ private:
+  WorkerPool& pool_;
+  std::vector<Item> batch_;
+  size_t directories_ = 0;
+  const DirFd* lastDir_ = nullptr;
+};
+
+// The directory-walking side: depth first, one open descriptor per directory
+// of the current branch (at most kOpenFrames of them).
+class Walker {
+ public:
+  Walker(TreeRun& run, Batcher& batcher, const std::unordered_set<std::string>& excludes)
+      : run_(run), batcher_(batcher), excludes_(excludes), buffer_(64 * 1024) {}
+
+  void walk(const std::string& root, const EntryStat& rootStat) {
+    int fd = ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) {
+      TREE_LOG(ERROR, "cannot open directory %s: %s", root.c_str(), std::strerror(errno));
+      ++stats.failed;
+      return;
+    }
+    frames_.push_back(
+        Frame{std::make_shared<DirFd>(fd), root, rootStat.st.st_dev, rootStat.st.st_ino, {}, 0});
+    list(frames_.back());
+    while (!frames_.empty()) {
+      Frame& top = frames_.back();
+      if (top.next == top.subdirs.size()) {
+        pop();
+        continue;
+      }
+      Subdir sub = std::move(top.subdirs[top.next++]);
+      std::string path = joinPath(top.path, sub.name.c_str());
+      if (!top.dir) continue;  // lost during the walk (logged)
+      int child = ::openat(top.dir->get(), sub.name.c_str(),
+                           O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      if (child < 0) {
+        TREE_LOG(ERROR, "cannot open directory %s: %s", path.c_str(), std::strerror(errno));
+        ++stats.failed;
+        continue;
+      }
+      struct stat st;
+      if (::fstat(child, &st) != 0 || st.st_dev != sub.dev || st.st_ino != sub.ino) {
+        TREE_LOG(WARN, "%s was replaced during the walk; not entered", path.c_str());
+        ::close(child);
+        continue;
+      }
+      frames_.push_back(
+          Frame{std::make_shared<DirFd>(child), std::move(path), sub.dev, sub.ino, {}, 0});
+      ++openFrames_;
+      if (openFrames_ > kOpenFrames) {
+        frames_[frames_.size() - openFrames_].dir.reset();
+        --openFrames_;
+      }
+      list(frames_.back());
+    }
+  }
+
+  TreeLabelStats stats;
+
+ private:
+  struct Subdir {
+    std::string name;
+    dev_t dev;
+    ino_t ino;
+  };
+  struct Frame {
+    DirRef dir;  // null once closed to spare descriptors
+    std::string path;
+    dev_t dev;
+    ino_t ino;
+    std::vector<Subdir> subdirs;
+    size_t next;
+  };
+
+  void list(Frame& frame) {
+    int fd = frame.dir->get();
+    for (;;) {
+      ssize_t size = ::getdents64(fd, buffer_.data(), buffer_.size());
+      if (size == 0) break;
+      if (size < 0) {
+        TREE_LOG(ERROR, "cannot read directory %s: %s", frame.path.c_str(), std::strerror(errno));
+        ++stats.failed;
+        break;
+      }
+      for (ssize_t offset = 0; offset < size;) {
+        auto* entry = reinterpret_cast<struct dirent64*>(buffer_.data() + offset);
+        offset += entry->d_reclen;
+        const char* name = entry->d_name;
+        if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
+        add(frame, name, entry->d_type);
+      }
+    }
+  }
+
+  void add(Frame& frame, const char* name, unsigned char type) {
+    Item item;
+    item.path = joinPath(frame.path, name);
+    if (!excludes_.empty() && excludes_.count(item.path) != 0) {
+      ++stats.excluded;
+      return;
+    }
+    item.dir = frame.dir;
+    item.nameOffset = static_cast<uint32_t>(item.path.size() - std::strlen(name));
+    if (type == DT_DIR || type == DT_UNKNOWN) {
+      // Directories are stat'ed here: the walk needs to know whether to enter.
+      if (statEntry(frame.dir->get(), name, AT_SYMLINK_NOFOLLOW, &item.stat) != 0) {
+        run_.reportEntryError("cannot stat", item, errno, stats);
+        return;
+      }
+      item.hasStat = true;
+      if (S_ISDIR(item.stat.st.st_mode)) {
+        if (!run_.onRootMount(item.stat)) {
+          TREE_LOG(INFO, "not entering %s: another mount", item.path.c_str());
+          ++stats.mountsSkipped;
+          return;
+        }
+        frame.subdirs.push_back(Subdir{name, item.stat.st.st_dev, item.stat.st.st_ino});
+      }
+    } else if (type != DT_REG && type != DT_LNK) {
+      return;  // devices, pipes and sockets carry no label
+    }
+    batcher_.add(std::move(item));
+  }
+
+  // Leaves the current directory. A closed parent is reopened through ".."
+  // of the child (checked to be the same directory), else through its path.
+  void pop() {
+    Frame child = std::move(frames_.back());
+    frames_.pop_back();
+    if (child.dir) --openFrames_;
+    if (frames_.empty()) return;
+    Frame& parent = frames_.back();
+    if (parent.dir) return;
+    int fd = -1;
+    if (child.dir) fd = ::openat(child.dir->get(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0 && parent.path.size() < PATH_MAX) {
+      fd = ::open(parent.path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    }
+    struct stat st;
+    if (fd >= 0 && ::fstat(fd, &st) == 0 && st.st_dev == parent.dev && st.st_ino == parent.ino) {
+      parent.dir = std::make_shared<DirFd>(fd);
+      ++openFrames_;
+      return;
+    }
+    if (fd >= 0) ::close(fd);
+    TREE_LOG(ERROR, "lost directory %s during the walk; the rest of it is not labelled",
+             parent.path.c_str());
+    ++stats.failed;
+    parent.next = parent.subdirs.size();
+  }
+
+  TreeRun& run_;
+  Batcher& batcher_;
+  const std::unordered_set<std::string>& excludes_;
+  std::vector<char> buffer_;
+  std::vector<Frame> frames_;
+  size_t openFrames_ = 1;  // the root's
+};
+
+// The mount point of the file system holding `path`, for the progress line.
+std::string mountPointOf(const std::string& path, const EntryStat& stat) {
+  std::string current = path;
+  while (current != "/") {
+    size_t slash = current.find_last_of('/');
+    std::string parent = slash == 0 ? "/" : current.substr(0, slash);
+    EntryStat up;
+    if (statEntry(AT_FDCWD, parent.c_str(), 0, &up) != 0) break;
+    bool sameMount = up.st.st_dev == stat.st.st_dev &&
+                     !(up.hasMountId && stat.hasMountId && up.mountId != stat.mountId);
+    if (!sameMount) break;
+    current = parent;
+  }
+  return current;
+}
+
+// Rewrites one status line on the terminal a few times a second.
+class Progress {
+ public:
+  Progress(const TreeRun& run, std::string mount) : run_(run), mount_(std::move(mount)) {
+    thread_ = std::thread([this] { loop(); });
+  }
+  ~Progress() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stop_ = true;
+    }
+    wake_.notify_all();
+    thread_.join();
+    writeAll("\r\033[K");
+  }
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+ private:
+  void loop() {
+    auto start = std::chrono::steady_clock::now();
+    std::unique_lock<std::mutex> lock(mutex_);
+    do {
+      double seconds =
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+      uint64_t done = run_.done.load();
+      char line[512];
+      std::snprintf(line, sizeof line, "\r%llu files labelled, %.0f files/s, on %s\033[K",
+                    static_cast<unsigned long long>(done), seconds > 0 ? done / seconds : 0.0,
+                    mount_.c_str());
+      writeAll(line);
+    } while (!wake_.wait_for(lock, kProgressInterval, [this] { return stop_; }));
+  }
+
+  static void writeAll(const std::string& text) {
+    size_t written = 0;
+    while (written < text.size()) {
+      ssize_t n = ::write(STDERR_FILENO, text.data() + written, text.size() - written);
+      if (n <= 0) return;
+      written += static_cast<size_t>(n);
+    }
+  }
+
+  const TreeRun& run_;
+  std::string mount_;
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  bool stop_ = false;
+  std::thread thread_;
+};
+
+std::unordered_set<std::string> normaliseExcludes(const std::vector<std::string>& excludes) {
+  std::unordered_set<std::string> result;
+  for (const std::string& exclude : excludes) {
+    if (exclude.empty()) continue;
+    // Only the directory part is resolved: an excluded link is the link
+    // itself, not what it points to.
+    std::string tidy = formatPath(exclude);
+    std::string resolved = getLinkRealPath(tidy);
+    result.insert(resolved.empty() ? tidy : resolved);
+  }
+  return result;
+}
+
+}  // namespace
+
+int labelTree(const std::string& root, const LabelPolicy& policy, const TreeLabelOptions& options,
+              TreeLabelStats* stats) {
+  TreeLabelStats total;
+  char resolved[PATH_MAX];
+  if (root.empty() || ::realpath(root.c_str(), resolved) == nullptr) {
+    ZLOG_ERROR("cannot label the tree under %s: %s", root.c_str(),
+               root.empty() ? "empty path" : std::strerror(errno));
+    return -1;
+  }
+  std::string canonicalRoot = resolved;
+  EntryStat rootStat;
+  if (statEntry(AT_FDCWD, canonicalRoot.c_str(), 0, &rootStat) != 0 ||
+      !S_ISDIR(rootStat.st.st_mode)) {
+    ZLOG_ERROR("cannot label the tree under %s: not a directory", canonicalRoot.c_str());
+    return -1;
+  }
+  struct statvfs fs;
+  if (::statvfs(canonicalRoot.c_str(), &fs) == 0 && (fs.f_flag & ST_RDONLY) != 0) {
+    ZLOG_ERROR("cannot label the tree under %s: read-only file system", canonicalRoot.c_str());
+    return -1;
+  }
+  std::unordered_set<std::string> excludes = normaliseExcludes(options.excludes);
+  probeXattrAt(canonicalRoot);
+
+  try {
+    TreeRun run(policy, rootStat);
+    unsigned workers = options.workers;
+    if (workers == 0) workers = std::max(1u, std::thread::hardware_concurrency());
+    std::unique_ptr<Progress> progress;
+    if (options.progress && ::isatty(STDERR_FILENO)) {
+      progress = std::make_unique<Progress>(run, mountPointOf(canonicalRoot, rootStat));
+    }
+
+    if (excludes.count(canonicalRoot) != 0) {
+      ++total.excluded;
+    } else {
+      WorkerPool pool(run, workers);
+      Batcher batcher(pool);
+      Item rootItem;
+      rootItem.path = canonicalRoot;
+      rootItem.hasStat = true;
+      rootItem.stat = rootStat;
+      batcher.add(std::move(rootItem));
+      Walker walker(run, batcher, excludes);
+      walker.walk(canonicalRoot, rootStat);
+      batcher.flush();
+      pool.finish(&total);
+      addStats(total, walker.stats);
+
+      std::vector<Item> linked = run.takeDeferred();
+      if (!linked.empty()) {
+        WorkerPool linkPool(run, workers);
+        Batcher linkBatcher(linkPool);
+        for (Item& item : linked) linkBatcher.add(std::move(item));
+        linkBatcher.flush();
+        linkPool.finish(&total);
+      }
+    }
+  } catch (const std::exception& e) {
+    ZLOG_ERROR("labelling the tree under %s failed: %s", canonicalRoot.c_str(), e.what());
+    return -1;
+  }
+  if (stats != nullptr) {
+    *stats = total;
+    stats->root = canonicalRoot;
+  }
+  return 0;
+}
+
+}  // namespace zorv::labelmgr
+
+int addTagFullSystem(const std::string& root, const std::vector<std::string>& excludes) {
+  using namespace zorv::labelmgr;
+  bool absent = false;
+  std::unique_ptr<StateDb> db = StateDb::open(StateDb::OpenMode::kExisting, &absent);
+  if (!db && !absent) return -1;
+  std::unique_ptr<LabelPolicy> policy = LabelPolicy::load(db.get());
+  db.reset();
+  if (!policy) return -1;
+
+  TreeLabelOptions options;
+  options.excludes = excludes;
+  TreeLabelStats stats;
+  auto start = std::chrono::steady_clock::now();
+  if (labelTree(root, *policy, options, &stats) != 0) return -1;
+  double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  ZLOG_INFO(
+      "labelled the tree under %s in %.3f s: %llu seen, %llu written, %llu failed, "
+      "%llu mounts skipped, %llu excluded",
+      stats.root.c_str(), seconds, static_cast<unsigned long long>(stats.seen),
+      static_cast<unsigned long long>(stats.written), static_cast<unsigned long long>(stats.failed),
+      static_cast<unsigned long long>(stats.mountsSkipped),
+      static_cast<unsigned long long>(stats.excluded));
+  setLabelSetStatus(1);
+  publishLabelChange("file label-tree " + stats.root + " " + std::to_string(stats.written) + " " +
+                     std::to_string(stats.seen));
+  return 0;
+}
