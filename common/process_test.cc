@@ -81,10 +81,11 @@ TEST(GetAllParentTest, WalksUpFromTheTestProcess) {
     EXPECT_EQ(parents[i + 1], process_internal::getParentPid(parents[i]));
   for (int32_t pid : parents) EXPECT_NE(1, pid);
   // The walk ends at a child of init (or of the kernel, pid 0).
-  if (parents.back() != 0)
+  if (parents.back() != 0) {
     EXPECT_TRUE(
         loggedError(capture, "getAllParent", "current pid " + std::to_string(parents.back()) + "."))
         << capture.dump();
+  }
 }
 
 TEST(GetAllParentTest, NoWalkForPidsBelowTwoOrGoneProcesses) {
