@@ -24,24 +24,22 @@ if ! DESTDIR="$root" cmake --install "$build" >"$root/install.log" 2>&1; then
   cat "$root/install.log" >&2
   fail "cmake --install failed"
 fi
-case "$(grep -v "^-- Install configuration" "$root/install.log" | grep -v "$root")" in
-  "") ;;
-  *) fail "something was installed outside the temporary root" ;;
-esac
+# Every installed path, absolute ones included, must lie under the root.
+outside=$(grep -v -e "^-- Install configuration" -e "$root" "$root/install.log" || true)
+[ -z "$outside" ] || fail "installed outside the temporary root: $outside"
 
 pc=$(find "$root" -name zorvcommon.pc -print -quit)
 [ -n "$pc" ] || fail "zorvcommon.pc was not installed"
 # The .pc file names the configured prefix; point it at the staged copy.
 prefix="$root$(sed -n 's/^prefix=//p' "$pc")"
 export PKG_CONFIG_PATH="$(dirname "$pc")"
-pkgconf() { pkg-config --define-variable=prefix="$prefix" "$@" zorvcommon; }
-libdir=$(pkgconf --variable=libdir)
-includedir=$(pkgconf --variable=includedir)
+zorv_pc() { pkg-config --define-variable=prefix="$prefix" "$@" zorvcommon; }
+libdir=$(zorv_pc --variable=libdir)
+includedir=$(zorv_pc --variable=includedir)
 
 [ -f "$includedir/zorv/common/path_safety.h" ] || fail "public headers missing"
-if find "$includedir/zorv" -name '*_internal.h' | grep -q .; then
-  fail "internal headers were installed"
-fi
+internal=$(find "$includedir/zorv" -name '*_internal.h')
+[ -z "$internal" ] || fail "internal headers were installed: $internal"
 
 cat >"$root/outside.cc" <<'PROGRAM'
 #include <cstdio>
@@ -78,7 +76,7 @@ PROGRAM
 
 # shellcheck disable=SC2046  # the flags are meant to be split
 "$cxx" -std=c++17 -Wall -Wextra -o "$root/outside" "$root/outside.cc" \
-  $(pkgconf --cflags --libs) -Wl,-rpath,"$libdir" || fail "compiling against the install failed"
+  $(zorv_pc --cflags --libs) -Wl,-rpath,"$libdir" || fail "compiling against the install failed"
 
 cat >"$root/log.properties" <<PROPERTIES
 log4cpp.rootCategory=DEBUG, F
@@ -92,6 +90,8 @@ ZORV_LABEL_LOG_PROPERTIES="$root/log.properties" ZORV_LABEL_LOG_FALLBACK="$root/
   "$root/outside" || fail "the outside program failed"
 
 # The program must have used the installed library, not one from the build tree.
-ldd "$root/outside" | grep -q "$libdir/libzorvcommon.so" || fail "not linked with the installed library"
+# (Captured first: grep -q closing the pipe early would fail it under pipefail.)
+libraries=$(ldd "$root/outside")
+[[ $libraries == *"$libdir/libzorvcommon.so"* ]] || fail "not linked with the installed library"
 grep -qF "[INFO] [outside:7] linked 42" "$root/outside.log" || fail "the logger wrote nothing"
 echo "install_test: ok"
