@@ -33,6 +33,7 @@ int main(int argc, char** argv) {
     lm::TreeLabelOptions options;
     options.workers = static_cast<unsigned>(std::atoi(argv[2]));
     options.progress = false;
+    options.cacheFile = lm::stateDirectory() + "/label-tree.cache";
     if (lm::labelTree(argv[1], *policy, options, &stats) != 0) return 1;
   }
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

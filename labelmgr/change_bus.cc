@@ -18,12 +18,9 @@
 #include <set>
 #include <stdexcept>
 
+#include "labelmgr/state_db.h"
 #include "log/logger.h"
 #include "msg/zmq_socket.h"
-
-#ifndef ZORV_DEFAULT_STATE_DIR
-#define ZORV_DEFAULT_STATE_DIR "/var/lib/zorv/label"
-#endif
 
 namespace zorv::labelmgr {
 namespace {
@@ -291,13 +288,7 @@ void closeLabelChangePublisher() {
   }
 }
 
-std::string labelManagerStateDir() {
-  const char* dir = std::getenv("ZORV_LABELMGR_STATE_DIR");
-  if (dir != nullptr && *dir != '\0') return dir;
-  return ZORV_DEFAULT_STATE_DIR;
-}
-
-std::string labelChangeListenerDir() { return labelManagerStateDir() + "/listeners"; }
+std::string labelChangeListenerDir() { return stateDirectory() + "/listeners"; }
 
 LabelChangeListener::LabelChangeListener() = default;
 
@@ -316,7 +307,7 @@ LabelChangeListener::~LabelChangeListener() {
 
 int LabelChangeListener::subscribe(const std::string& topic) {
   if (!socket_) {
-    std::string stateDir = labelManagerStateDir();
+    std::string stateDir = stateDirectory();
     std::string dir = labelChangeListenerDir();
     if (!makeDirectory(stateDir, 0700) || !makeDirectory(dir, 0700)) {
       ZLOG_ERROR("cannot create the label change listener directory %s: %s", dir.c_str(),

@@ -33,8 +33,6 @@ void publishLabelChange(const std::string& message);
 /// again. Called on its own at process exit.
 void closeLabelChangePublisher();
 
-/// The state directory: $ZORV_LABELMGR_STATE_DIR, else the built-in default.
-std::string labelManagerStateDir();
 /// Where listener endpoints and their lock files live.
 std::string labelChangeListenerDir();
 

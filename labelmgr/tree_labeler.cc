@@ -32,6 +32,7 @@
 #include "labelmgr/change_bus.h"
 #include "labelmgr/label_policy.h"
 #include "labelmgr/state_db.h"
+#include "labelmgr/tree_label_cache.h"
 #include "log/logger.h"
 
 // Linux 6.13 added the *xattrat calls, which let workers read and write
@@ -217,6 +218,7 @@ class BatchQueue {
 void addStats(TreeLabelStats& total, const TreeLabelStats& part) {
   total.seen += part.seen;
   total.written += part.written;
+  total.cached += part.cached;
   total.failed += part.failed;
   total.mountsSkipped += part.mountsSkipped;
   total.excluded += part.excluded;
@@ -225,14 +227,15 @@ void addStats(TreeLabelStats& total, const TreeLabelStats& part) {
 // What the workers share during one run.
 class TreeRun {
  public:
-  TreeRun(const LabelPolicy& policy, const EntryStat& root) : policy_(policy), root_(root) {}
+  TreeRun(const LabelPolicy& policy, const TreeLabelCache& cache, const EntryStat& root)
+      : policy_(policy), cache_(cache), root_(root) {}
 
   bool onRootMount(const EntryStat& entry) const {
     if (entry.st.st_dev != root_.st.st_dev) return false;
     return !(entry.hasMountId && root_.hasMountId && entry.mountId != root_.mountId);
   }
 
-  void process(Item& item, TreeLabelStats& stats) {
+  void process(Item& item, TreeLabelStats& stats, std::vector<TreeCacheEntry>& verified) {
     if (!item.hasStat) {
       if (statEntry(item.dirfd(), item.name(), AT_SYMLINK_NOFOLLOW, &item.stat) != 0) {
         reportEntryError("cannot stat", item, errno, stats);
@@ -253,6 +256,14 @@ class TreeRun {
       return;
     }
     ++stats.seen;
+    // A hard-linked inode is reached by several paths: it is always checked.
+    bool cacheable = S_ISDIR(st.st_mode) || st.st_nlink == 1;
+    uint64_t pathHash = cacheable ? TreeLabelCache::hashPath(item.path) : 0;
+    if (cacheable && cache_.fresh(st, pathHash)) {
+      ++stats.cached;
+      verified.push_back(TreeLabelCache::entryFor(st, pathHash));
+      return;
+    }
 
     Label label = policy_.effectiveLabel(item.path, st);
     unsigned char wanted[kLabelBufferBytes];
@@ -270,6 +281,7 @@ class TreeRun {
     }
     if (currentSize == static_cast<ssize_t>(wantedSize) &&
         std::memcmp(current, wanted, wantedSize) == 0) {
+      if (cacheable) verified.push_back(TreeLabelCache::entryFor(st, pathHash));
       return;
     }
     if (writeLabel(item, wanted, wantedSize) != 0) {
@@ -277,6 +289,14 @@ class TreeRun {
       return;
     }
     ++stats.written;
+    // The write moved the change time; remember the one it left. Reading it
+    // also makes file systems with fine-grained change times give any later
+    // change a distinct one.
+    EntryStat after;
+    if (cacheable && statEntry(item.dirfd(), item.name(), AT_SYMLINK_NOFOLLOW, &after) == 0 &&
+        after.st.st_dev == st.st_dev && after.st.st_ino == st.st_ino) {
+      verified.push_back(TreeLabelCache::entryFor(after.st, pathHash));
+    }
   }
 
   void reportEntryError(const char* what, const Item& item, int error, TreeLabelStats& stats) {
@@ -325,6 +345,7 @@ class TreeRun {
 
  private:
   const LabelPolicy& policy_;
+  const TreeLabelCache& cache_;
   const EntryStat root_;
   std::mutex deferredMutex_;
   std::map<std::pair<dev_t, ino_t>, Item> deferred_;
@@ -334,8 +355,10 @@ class TreeRun {
 
 class WorkerPool {
  public:
-  WorkerPool(TreeRun& run, unsigned count) : run_(run), stats_(count) {
-    for (unsigned i = 0; i < count; ++i) threads_.emplace_back([this, i] { work(stats_[i]); });
+  WorkerPool(TreeRun& run, unsigned count) : run_(run), stats_(count), verified_(count) {
+    for (unsigned i = 0; i < count; ++i) {
+      threads_.emplace_back([this, i] { work(stats_[i], verified_[i]); });
+    }
   }
   ~WorkerPool() { finish(); }
   WorkerPool(const WorkerPool&) = delete;
@@ -343,8 +366,9 @@ class WorkerPool {
 
   void push(std::vector<Item> batch) { queue_.push(std::move(batch)); }
 
-  /// Waits for every queued entry; adds the workers' counts to `total`.
-  void finish(TreeLabelStats* total = nullptr) {
+  /// Waits for every queued entry; adds the workers' counts to `total` and
+  /// the entries they found correctly labelled to `verified`.
+  void finish(TreeLabelStats* total = nullptr, std::vector<TreeCacheEntry>* verified = nullptr) {
     queue_.close();
     for (std::thread& thread : threads_) {
       if (thread.joinable()) thread.join();
@@ -352,15 +376,19 @@ class WorkerPool {
     if (total != nullptr) {
       for (const TreeLabelStats& part : stats_) addStats(*total, part);
     }
+    if (verified != nullptr) {
+      for (const auto& part : verified_)
+        verified->insert(verified->end(), part.begin(), part.end());
+    }
   }
 
  private:
-  void work(TreeLabelStats& stats) {
+  void work(TreeLabelStats& stats, std::vector<TreeCacheEntry>& verified) {
     std::vector<Item> batch;
     while (queue_.pop(&batch)) {
       for (Item& item : batch) {
         try {
-          run_.process(item, stats);
+          run_.process(item, stats, verified);
         } catch (const std::exception& e) {
           TREE_LOG(ERROR, "labelling %s failed: %s", item.path.c_str(), e.what());
           ++stats.failed;
@@ -374,6 +402,7 @@ class WorkerPool {
   TreeRun& run_;
   BatchQueue queue_;
   std::vector<TreeLabelStats> stats_;
+  std::vector<std::vector<TreeCacheEntry>> verified_;
   std::vector<std::thread> threads_;
 };
 
@@ -667,8 +696,16 @@ int labelTree(const std::string& root, const LabelPolicy& policy, const TreeLabe
   std::unordered_set<std::string> excludes = normaliseExcludes(options.excludes);
   probeXattrAt(canonicalRoot);
 
+  std::vector<TreeCacheEntry> verified;
+  uint64_t fingerprint = 0;
+  TreeLabelCache cache;
+  if (!options.cacheFile.empty()) {
+    fingerprint = TreeLabelCache::fingerprint(policy);
+    cache.load(options.cacheFile, fingerprint);
+  }
+
   try {
-    TreeRun run(policy, rootStat);
+    TreeRun run(policy, cache, rootStat);
     unsigned workers = options.workers;
     if (workers == 0) workers = std::max(1u, std::thread::hardware_concurrency());
     std::unique_ptr<Progress> progress;
@@ -689,7 +726,7 @@ int labelTree(const std::string& root, const LabelPolicy& policy, const TreeLabe
       Walker walker(run, batcher, excludes);
       walker.walk(canonicalRoot, rootStat);
       batcher.flush();
-      pool.finish(&total);
+      pool.finish(&total, &verified);
       addStats(total, walker.stats);
 
       std::vector<Item> linked = run.takeDeferred();
@@ -698,13 +735,14 @@ int labelTree(const std::string& root, const LabelPolicy& policy, const TreeLabe
         Batcher linkBatcher(linkPool);
         for (Item& item : linked) linkBatcher.add(std::move(item));
         linkBatcher.flush();
-        linkPool.finish(&total);
+        linkPool.finish(&total, &verified);
       }
     }
   } catch (const std::exception& e) {
     ZLOG_ERROR("labelling the tree under %s failed: %s", canonicalRoot.c_str(), e.what());
     return -1;
   }
+  if (!options.cacheFile.empty()) TreeLabelCache::save(options.cacheFile, fingerprint, verified);
   if (stats != nullptr) {
     *stats = total;
     stats->root = canonicalRoot;
@@ -716,24 +754,27 @@ int labelTree(const std::string& root, const LabelPolicy& policy, const TreeLabe
 
 int addTagFullSystem(const std::string& root, const std::vector<std::string>& excludes) {
   using namespace zorv::labelmgr;
-  bool absent = false;
-  std::unique_ptr<StateDb> db = StateDb::open(StateDb::OpenMode::kExisting, &absent);
-  if (!db && !absent) return -1;
+  // Created if missing: the run ends by recording its status there, and the
+  // cache of verified entries lives beside it.
+  std::unique_ptr<StateDb> db = StateDb::open(StateDb::OpenMode::kCreate);
+  if (!db) return -1;
   std::unique_ptr<LabelPolicy> policy = LabelPolicy::load(db.get());
   db.reset();
   if (!policy) return -1;
 
   TreeLabelOptions options;
   options.excludes = excludes;
+  options.cacheFile = stateDirectory() + "/label-tree.cache";
   TreeLabelStats stats;
   auto start = std::chrono::steady_clock::now();
   if (labelTree(root, *policy, options, &stats) != 0) return -1;
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   ZLOG_INFO(
-      "labelled the tree under %s in %.3f s: %llu seen, %llu written, %llu failed, "
-      "%llu mounts skipped, %llu excluded",
+      "labelled the tree under %s in %.3f s: %llu seen (%llu unchanged since the last run), "
+      "%llu written, %llu failed, %llu mounts skipped, %llu excluded",
       stats.root.c_str(), seconds, static_cast<unsigned long long>(stats.seen),
-      static_cast<unsigned long long>(stats.written), static_cast<unsigned long long>(stats.failed),
+      static_cast<unsigned long long>(stats.cached), static_cast<unsigned long long>(stats.written),
+      static_cast<unsigned long long>(stats.failed),
       static_cast<unsigned long long>(stats.mountsSkipped),
       static_cast<unsigned long long>(stats.excluded));
   setLabelSetStatus(1);

@@ -6,7 +6,8 @@
 // not entered), never follows symbolic links (links are labelled themselves),
 // has no depth limit (it iterates and works relative to directory descriptors,
 // so paths longer than PATH_MAX are fine) and writes an attribute only when the
-// label differs. A file with several hard links is labelled once, through its
+// label differs; with a cache, an entry unchanged since the previous run costs
+// only its stat(). A file with several hard links is labelled once, through its
 // byte-wise smallest path, so that runs agree with each other. Problems with
 // single entries (unreadable, vanished, no attribute support) are logged once
 // each and the walk goes on.
@@ -32,12 +33,16 @@ struct TreeLabelOptions {
   /// Progress on standard error: shown only when this is true and standard
   /// error is a terminal.
   bool progress = true;
+  /// Where entries found correctly labelled are remembered between runs
+  /// (TreeLabelCache); "" keeps no cache and checks every entry in full.
+  std::string cacheFile;
 };
 
 struct TreeLabelStats {
   std::string root;      // the canonical root walked
   uint64_t seen = 0;     // directories, files and links looked at
   uint64_t written = 0;  // of them, labels written
+  uint64_t cached = 0;   // of them, unchanged since the previous run by the cache
   uint64_t failed = 0;   // entries that could not be read, stat'ed or written
   uint64_t mountsSkipped = 0;
   uint64_t excluded = 0;

@@ -52,10 +52,12 @@ std::string expectedLabel(const lm::LabelPolicy& policy, const std::string& path
   return encode(policy.effectiveLabel(path, st));
 }
 
-lm::TreeLabelStats runTree(const std::string& root, std::vector<std::string> excludes = {}) {
+lm::TreeLabelStats runTree(const std::string& root, std::vector<std::string> excludes = {},
+                           const std::string& cacheFile = "") {
   std::unique_ptr<lm::LabelPolicy> policy = loadPolicy();
   lm::TreeLabelOptions options;
   options.excludes = std::move(excludes);
+  options.cacheFile = cacheFile;
   options.progress = false;
   lm::TreeLabelStats stats;
   EXPECT_EQ(0, lm::labelTree(root, *policy, options, &stats));
@@ -119,6 +121,55 @@ TEST_F(TreeLabelerTest, LabelsEveryEntryAsRestoreWouldAndOnlyOnce) {
   EXPECT_EQ(13u, again.seen);
   EXPECT_EQ(0u, again.written);
   EXPECT_EQ(0u, again.failed);
+}
+
+// The cache lets unchanged entries pass with a stat(), and nothing that
+// changes a label slips through it: the attribute, the mode, the path, the
+// dpkg database and the user-set values.
+TEST_F(TreeLabelerTest, CachePassesOverOnlyWhatIsUnchanged) {
+  std::string cache = base_ + "/tree.cache";
+  std::string tool = makeFile("bin/alpha-tool", 0755);
+  std::string plain = makeFile("plain");
+  std::string moved = makeFile("moved");
+  std::string linked = makeFile("linked");
+  ASSERT_EQ(0, link(linked.c_str(), (root_ + "/linked2").c_str()));
+  // root, bin, alpha-tool, plain, moved, one of the links
+  lm::TreeLabelStats first = runTree(root_, {}, cache);
+  EXPECT_EQ(6u, first.seen);
+  EXPECT_EQ(6u, first.written);
+  lm::TreeLabelStats second = runTree(root_, {}, cache);
+  EXPECT_EQ(0u, second.written);
+  EXPECT_EQ(5u, second.cached) << "all but the hard-linked file";
+
+  const char junk[] = "junk";
+  ASSERT_EQ(0, lsetxattr(plain.c_str(), "security.zorv", junk, sizeof junk, 0));
+  ASSERT_EQ(0, chmod(moved.c_str(), 0700));  // gains a SID
+  std::string renamed = root_ + "/renamed";
+  ASSERT_EQ(0, rename(moved.c_str(), renamed.c_str()));
+  lm::TreeLabelStats third = runTree(root_, {}, cache);
+  EXPECT_EQ(2u, third.written);
+  std::unique_ptr<lm::LabelPolicy> policy = loadPolicy();
+  EXPECT_EQ(expectedLabel(*policy, plain), rawLabel(plain));
+  EXPECT_EQ(expectedLabel(*policy, renamed), rawLabel(renamed));
+
+  // An installed package's file list now names `plain` (edited in place).
+  std::string betaList = base_ + "/dpkg/info/beta:amd64.list";
+  writeTextFile(betaList, readTextFile(betaList) + plain + "\n");
+  EXPECT_EQ(1u, runTree(root_, {}, cache).written);
+  EXPECT_EQ(getSM3HashLast64Bits("beta"), labelOf(plain).oid_.pkg_);
+  // A user-set id changes alpha's, which owns bin and alpha-tool.
+  ASSERT_EQ(0, setPkgId("alpha", 0x99));
+  EXPECT_EQ(2u, runTree(root_, {}, cache).written);
+  EXPECT_EQ(0x99u, labelOf(tool).oid_.pkg_);
+
+  // A damaged cache is passed over with a warning.
+  ASSERT_EQ(0, truncate(cache.c_str(), 40));
+  LogCapture log;
+  lm::TreeLabelStats fifth = runTree(root_, {}, cache);
+  EXPECT_EQ(0u, fifth.cached);
+  EXPECT_EQ(0u, fifth.written);
+  EXPECT_EQ(1u, log.count("ignoring the damaged or foreign tree label cache " + cache));
+  EXPECT_EQ(5u, runTree(root_, {}, cache).cached);
 }
 
 TEST_F(TreeLabelerTest, ExcludesAndUnusableRoots) {

@@ -1,0 +1,224 @@
+#include "labelmgr/tree_label_cache.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "labelmgr/dpkg_db.h"
+#include "labelmgr/label_policy.h"
+#include "log/logger.h"
+
+namespace zorv::labelmgr {
+namespace {
+
+constexpr char kMagic[8] = {'Z', 'O', 'R', 'V', 'T', 'R', 'E', 'E'};
+constexpr uint32_t kVersion = 1;
+
+struct Header {
+  char magic[8];
+  uint32_t version;
+  uint32_t entrySize;
+  uint64_t fingerprint;
+  uint64_t count;
+};
+
+class Fnv {
+ public:
+  void add(const void* data, size_t size) {
+    auto* bytes = static_cast<const unsigned char*>(data);
+    for (size_t i = 0; i < size; ++i) hash_ = (hash_ ^ bytes[i]) * 0x100000001b3ull;
+  }
+  void add(uint64_t value) { add(&value, sizeof value); }
+  // Texts carry their length so that ("ab", "c") and ("a", "bc") differ.
+  void add(const std::string& text) {
+    add(uint64_t{text.size()});
+    add(text.data(), text.size());
+  }
+  uint64_t value() const { return hash_; }
+
+ private:
+  uint64_t hash_ = 0xcbf29ce484222325ull;
+};
+
+void addFileState(Fnv& fnv, const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) {
+    fnv.add(uint64_t{0});
+    return;
+  }
+  fnv.add(uint64_t{st.st_dev});
+  fnv.add(uint64_t{st.st_ino});
+  fnv.add(static_cast<uint64_t>(st.st_size));
+  fnv.add(static_cast<uint64_t>(st.st_mtim.tv_sec) * 1'000'000'000 +
+          static_cast<uint64_t>(st.st_mtim.tv_nsec));
+}
+
+uint64_t slotOf(uint64_t dev, uint64_t ino) {
+  uint64_t x = ino * 0x9e3779b97f4a7c15ull ^ dev;
+  return x ^ (x >> 29);
+}
+
+bool readAll(int fd, void* data, size_t size) {
+  auto* bytes = static_cast<char*>(data);
+  while (size > 0) {
+    ssize_t n = ::read(fd, bytes, size);
+    if (n <= 0) return false;
+    bytes += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+bool writeAll(int fd, const void* data, size_t size) {
+  auto* bytes = static_cast<const char*>(data);
+  while (size > 0) {
+    ssize_t n = ::write(fd, bytes, size);
+    if (n <= 0) return false;
+    bytes += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+int64_t ctimeNs(const struct stat& st) {
+  return static_cast<int64_t>(st.st_ctim.tv_sec) * 1'000'000'000 + st.st_ctim.tv_nsec;
+}
+
+}  // namespace
+
+uint64_t TreeLabelCache::fingerprint(const LabelPolicy& policy) {
+  Fnv fnv;
+  fnv.add(uint64_t{kVersion});
+  const PackageIds& ids = policy.packageIds();
+  for (size_t i = 0; i < ids.installed().size(); ++i) {
+    fnv.add(ids.installed()[i]);
+    fnv.add(ids.idOfInstalled(static_cast<uint32_t>(i)));
+  }
+  for (const PkgIdRule& rule : ids.userSet()) {
+    fnv.add(rule.name);
+    fnv.add(rule.id);
+  }
+  for (const FileRule& rule : policy.rules().all()) {
+    fnv.add(uint64_t{static_cast<uint64_t>(rule.field)});
+    fnv.add(uint64_t{rule.isPattern});
+    fnv.add(rule.target);
+    for (uint64_t value : rule.value) fnv.add(value);
+    fnv.add(static_cast<uint64_t>(rule.seq));
+  }
+  // The package owning each file comes from dpkg's file lists: a changed
+  // list changes its size or modification time.
+  std::string dpkgDir = dpkgDirectory();
+  addFileState(fnv, dpkgDir + "/status");
+  std::vector<std::string> lists;
+  if (DIR* dir = ::opendir((dpkgDir + "/info").c_str())) {
+    while (dirent* entry = ::readdir(dir)) {
+      std::string name = entry->d_name;
+      if (name.size() > 5 && name.compare(name.size() - 5, 5, ".list") == 0) lists.push_back(name);
+    }
+    ::closedir(dir);
+  }
+  std::sort(lists.begin(), lists.end());
+  for (const std::string& name : lists) {
+    fnv.add(name);
+    addFileState(fnv, dpkgDir + "/info/" + name);
+  }
+  return fnv.value();
+}
+
+uint64_t TreeLabelCache::hashPath(std::string_view path) {
+  Fnv fnv;
+  fnv.add(path.data(), path.size());
+  return fnv.value();
+}
+
+TreeCacheEntry TreeLabelCache::entryFor(const struct stat& st, uint64_t pathHash) {
+  return TreeCacheEntry{st.st_dev, st.st_ino, pathHash, ctimeNs(st), st.st_mode, 0};
+}
+
+void TreeLabelCache::load(const std::string& file, uint64_t fingerprint) {
+  table_.clear();
+  count_ = 0;
+  int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return;
+  Header header{};
+  struct stat st;
+  std::vector<TreeCacheEntry> entries;
+  bool usable = ::fstat(fd, &st) == 0 && readAll(fd, &header, sizeof header) &&
+                std::memcmp(header.magic, kMagic, sizeof kMagic) == 0 &&
+                header.version == kVersion && header.entrySize == sizeof(TreeCacheEntry);
+  if (usable && header.fingerprint == fingerprint) {
+    usable =
+        static_cast<uint64_t>(st.st_size) == sizeof header + header.count * sizeof(TreeCacheEntry);
+    if (usable) {
+      entries.resize(header.count);
+      usable = readAll(fd, entries.data(), entries.size() * sizeof(TreeCacheEntry));
+    }
+  } else if (usable) {
+    entries.clear();  // written under other rules or packages: nothing in it holds
+  }
+  ::close(fd);
+  if (!usable) {
+    ZLOG_WARN("ignoring the damaged or foreign tree label cache %s", file.c_str());
+    return;
+  }
+  size_t capacity = 16;
+  while (capacity < 2 * entries.size()) capacity *= 2;
+  table_.assign(capacity, TreeCacheEntry{});
+  for (const TreeCacheEntry& entry : entries) {
+    size_t slot = slotOf(entry.dev, entry.ino) & (capacity - 1);
+    while (table_[slot].reserved != 0) {
+      if (table_[slot].dev == entry.dev && table_[slot].ino == entry.ino) break;
+      slot = (slot + 1) & (capacity - 1);
+    }
+    if (table_[slot].reserved == 0) ++count_;
+    table_[slot] = entry;
+    table_[slot].reserved = 1;
+  }
+}
+
+const TreeCacheEntry* TreeLabelCache::find(uint64_t dev, uint64_t ino) const {
+  if (table_.empty()) return nullptr;
+  size_t mask = table_.size() - 1;
+  for (size_t slot = slotOf(dev, ino) & mask; table_[slot].reserved != 0;
+       slot = (slot + 1) & mask) {
+    if (table_[slot].dev == dev && table_[slot].ino == ino) return &table_[slot];
+  }
+  return nullptr;
+}
+
+bool TreeLabelCache::fresh(const struct stat& st, uint64_t pathHash) const {
+  const TreeCacheEntry* entry = find(st.st_dev, st.st_ino);
+  return entry != nullptr && entry->pathHash == pathHash && entry->ctimeNs == ctimeNs(st) &&
+         entry->mode == st.st_mode;
+}
+
+bool TreeLabelCache::save(const std::string& file, uint64_t fingerprint,
+                          const std::vector<TreeCacheEntry>& entries) {
+  std::string temporary = file + ".tmp." + std::to_string(::getpid());
+  int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (fd < 0) {
+    ZLOG_ERROR("cannot write the tree label cache %s: %s", temporary.c_str(), std::strerror(errno));
+    return false;
+  }
+  Header header{};
+  std::memcpy(header.magic, kMagic, sizeof kMagic);
+  header.version = kVersion;
+  header.entrySize = sizeof(TreeCacheEntry);
+  header.fingerprint = fingerprint;
+  header.count = entries.size();
+  bool ok = writeAll(fd, &header, sizeof header) &&
+            writeAll(fd, entries.data(), entries.size() * sizeof(TreeCacheEntry));
+  ok = ::close(fd) == 0 && ok;
+  if (!ok || ::rename(temporary.c_str(), file.c_str()) != 0) {
+    ZLOG_ERROR("cannot write the tree label cache %s: %s", file.c_str(), std::strerror(errno));
+    ::unlink(temporary.c_str());
+    return false;
+  }
+  return true;
+}
+
+}  // namespace zorv::labelmgr

@@ -1,0 +1,71 @@
+// What the previous whole-tree labelling left correctly labelled, so that the
+// next run can pass over unchanged entries with one stat() instead of reading
+// the attribute and computing the label again.
+//
+// An entry says: the inode (device, number) reached through the path with this
+// hash, with this mode and change time, carried exactly the label the policy
+// with this fingerprint gives that path. Any later change of the attribute,
+// the mode, a rename or a new link moves the inode's change time, and any
+// change of the user-set rules, package ids or dpkg database changes the
+// fingerprint; either way the entry no longer matches and the file is checked
+// in full. (A change made within the same timestamp tick as our own write
+// could go unseen on a file system whose change times are coarse; file
+// systems with fine-grained change times, as Linux gives ext4, xfs, btrfs and
+// tmpfs since 6.13 once a time has been read, leave no such gap.)
+//
+// The file is local to one machine (host byte order) and rewritten whole after
+// each run; an unreadable, foreign or damaged file is simply not used.
+#ifndef ZORV_LABELMGR_TREE_LABEL_CACHE_H_
+#define ZORV_LABELMGR_TREE_LABEL_CACHE_H_
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zorv::labelmgr {
+
+class LabelPolicy;
+
+struct TreeCacheEntry {
+  uint64_t dev;
+  uint64_t ino;
+  uint64_t pathHash;
+  int64_t ctimeNs;
+  uint32_t mode;
+  uint32_t reserved;
+};
+
+class TreeLabelCache {
+ public:
+  /// Everything the labels depend on besides the path and the mode: the
+  /// user-set rules, the package ids and the state of the dpkg database.
+  static uint64_t fingerprint(const LabelPolicy& policy);
+  /// A stable 64-bit hash of a path (FNV-1a).
+  static uint64_t hashPath(std::string_view path);
+  static TreeCacheEntry entryFor(const struct stat& st, uint64_t pathHash);
+
+  /// Reads `file` when it was written for `fingerprint`; otherwise the cache
+  /// stays empty (a damaged file is logged).
+  void load(const std::string& file, uint64_t fingerprint);
+  /// The entry still describes this inode as last verified.
+  bool fresh(const struct stat& st, uint64_t pathHash) const;
+  size_t size() const { return count_; }
+
+  /// Replaces `file` (atomically, mode 0600) with `entries`. False (logged)
+  /// on failure.
+  static bool save(const std::string& file, uint64_t fingerprint,
+                   const std::vector<TreeCacheEntry>& entries);
+
+ private:
+  const TreeCacheEntry* find(uint64_t dev, uint64_t ino) const;
+
+  std::vector<TreeCacheEntry> table_;  // open addressing; ino == 0 marks a free slot
+  size_t count_ = 0;
+};
+
+}  // namespace zorv::labelmgr
+
+#endif  // ZORV_LABELMGR_TREE_LABEL_CACHE_H_
