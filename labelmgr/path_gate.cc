@@ -77,14 +77,17 @@ std::string admitPattern(const std::string& pattern) {
     ZLOG_ERROR("pattern refused as too costly to expand: %s", pattern.c_str());
     return "";
   }
-  // Rules are matched against canonical paths, so the fixed directory part is
-  // resolved once here; a pattern without a wildcard keeps its last name as
-  // written, like any other pattern component.
-  size_t wildcard = pattern.find_first_of(kWildcards);
-  size_t slash = pattern.rfind('/', wildcard == std::string::npos ? std::string::npos : wildcard);
-  std::string dir = pattern.substr(0, slash);
-  std::string rest = pattern.substr(slash);  // starts with '/'
-  std::string result = pattern;
+  // Covered paths are canonical and never end in '/', so neither may the
+  // pattern; and the fixed directory part is resolved once here. A pattern
+  // without a wildcard keeps its last name as written, like any other
+  // pattern component.
+  std::string trimmed = pattern;
+  while (trimmed.size() > 1 && trimmed.back() == '/') trimmed.pop_back();
+  size_t wildcard = trimmed.find_first_of(kWildcards);
+  size_t slash = trimmed.rfind('/', wildcard);
+  std::string dir = trimmed.substr(0, slash);
+  std::string rest = trimmed.substr(slash);  // starts with '/'
+  std::string result = trimmed;
   if (!dir.empty()) {
     std::string real = canonicalOrEmpty(dir);
     if (!real.empty()) result = (real == "/" ? "" : real) + rest;
