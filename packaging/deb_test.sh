@@ -47,9 +47,10 @@ check "maintainer" test "$(field Maintainer)" = "zorv developers <dev@zorv.inval
 check "version" grep -qE '^[0-9]+\.[0-9]+\.[0-9]+' <<<"$(field Version)"
 check "description" test -n "$(field Description)"
 depends=$(field Depends)
+# Package names only, one per line, without versions or alternatives' bars.
+depends_names=$(tr ',|' '\n\n' <<<"$depends" | awk 'NF { print $1 }')
 for library in liblog4cpp5v5 libzmq5 libssl3 libsqlite3-0 libc6 libstdc++6; do
-    check "depends on $library (Depends: $depends)" \
-        grep -qE "(^|, )$library( |,|$)" <<<"$depends"
+    check "depends on $library (Depends: $depends)" grep -qxF "$library" <<<"$depends_names"
 done
 
 # Control files: the logging configuration is a conffile; the libraries are
@@ -87,7 +88,7 @@ check "the log directory is 0750" entry drwxr-x--- var/log/zorv/
 check "the state directory is 0700" entry drwx------ var/lib/zorv/label/
 check "everything belongs to root" test -z "$(awk '$2 != "root/root"' "$work/contents")"
 check "nothing outside /usr, /etc and /var" \
-    test -z "$(awk '$3 !~ /^\.\/((usr|etc|var)(\/|$))?$/' "$work/contents")"
+    test -z "$(awk '$3 != "./" && $3 !~ /^\.\/(usr|etc|var)\//' "$work/contents")"
 check "nothing under /usr/local" test -z "$(grep -F './usr/local' "$work/contents")"
 check "no internal headers" test -z "$(grep -E '_internal\.h$' "$work/contents")"
 check "no test programs" test -z "$(grep -E '(_test|fuzz_[a-z_]*|fake[^/]*)$' "$work/contents")"
@@ -125,7 +126,7 @@ int main() {
   return 0;
 }
 EOF
-    flags=$(PKG_CONFIG_SYSROOT_DIR=$root PKG_CONFIG_LIBDIR=$root/$libdir/pkgconfig \
+    flags=$(PKG_CONFIG_SYSROOT_DIR=$root PKG_CONFIG_PATH=$root/$libdir/pkgconfig \
         pkg-config --cflags --libs zorvlabelmgr zorvcommon 2>&1)
     if c++ -std=c++17 -o "$work/uses_libraries" "$work/uses_libraries.cc" $flags \
         >"$work/cc.log" 2>&1; then
