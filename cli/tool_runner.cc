@@ -71,7 +71,7 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 }  // namespace
 
 ToolResult runTool(const std::vector<std::string>& args, const Environment& env, bool asNobody,
-                   int timeoutSeconds) {
+                   int timeoutSeconds, const std::string& stopAt) {
   std::vector<std::string> argvTexts{"zorv-label-manager-tool"};
   argvTexts.insert(argvTexts.end(), args.begin(), args.end());
   std::vector<std::string> envTexts = mergedEnvironment(env);
@@ -119,6 +119,10 @@ ToolResult runTool(const std::vector<std::string>& args, const Environment& env,
       const ssize_t n = ::read(fds[i].fd, buffer, sizeof buffer);
       if (n > 0) {
         sinks[i]->append(buffer, static_cast<size_t>(n));
+        if (i == 0 && !stopAt.empty() && !killed && result.out.find(stopAt) != std::string::npos) {
+          kill(pid, SIGKILL);
+          killed = true;
+        }
       } else if (n == 0 || errno != EINTR) {
         fds[i].fd = -1;
         --open;

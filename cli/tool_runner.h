@@ -24,9 +24,10 @@ using Environment = std::map<std::string, std::string>;
 /// /dev/null, the test process's environment plus `env` (an empty value
 /// removes the variable), no core file, and with `asNobody` as uid and gid
 /// 65534 (tests run as root, which no permission stops). A run still going
-/// after `timeoutSeconds` is killed.
+/// after `timeoutSeconds`, or once its standard output holds `stopAt` (when
+/// not empty), is killed with SIGKILL.
 ToolResult runTool(const std::vector<std::string>& args, const Environment& env = {},
-                   bool asNobody = false, int timeoutSeconds = 30);
+                   bool asNobody = false, int timeoutSeconds = 30, const std::string& stopAt = "");
 
 /// The directory of our label manager library's test double.
 std::string fakeLabelManagerDir();

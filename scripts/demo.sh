@@ -5,12 +5,18 @@
 # directory is touched.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/install-deps.sh
-bash scripts/build.sh
-tool=$PWD/${BUILD_DIR:-build}/cli/zorv-label-manager-tool
-
 work=$(mktemp -d /tmp/zorv-demo.XXXXXX)
 trap 'rm -rf "$work"' EXIT
+
+bash scripts/install-deps.sh
+# The build's progress would bury the demonstration; it is shown only when the
+# build fails.
+echo "building (first time: a few minutes)..."
+if ! bash scripts/build.sh >"$work/build.log" 2>&1; then
+  cat "$work/build.log"
+  exit 1
+fi
+tool=$PWD/${BUILD_DIR:-build}/cli/zorv-label-manager-tool
 tree=$work/tree
 
 # A small tree: a program owned by the (pretend) installed package "demo-app",
