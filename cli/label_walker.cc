@@ -104,7 +104,7 @@ int showLabel(const std::string& path, const std::string& attrName) {
     printLine("get file label failed, ");
     return 0;
   }
-  printLine("file: " + path + " label: " + label.toString());
+  printLine({"file: ", path, " label: ", label.toString()});
   return 1;
 }
 

@@ -11,6 +11,12 @@ void printLine(const std::string& text) {
   std::fflush(stdout);
 }
 
+void printLine(std::initializer_list<std::string_view> pieces) {
+  for (std::string_view piece : pieces) std::fwrite(piece.data(), 1, piece.size(), stdout);
+  std::fputc('\n', stdout);
+  std::fflush(stdout);
+}
+
 void printFormatted(const char* format, ...) {
   va_list args;
   va_start(args, format);
