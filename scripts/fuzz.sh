@@ -32,12 +32,13 @@ for tool in clang-14 clang++-14; do
         { echo "$tool is missing: bash scripts/install-deps.sh" >&2; exit 2; }
 done
 
+mkdir -p "$build"
+work_log=$build/configure.log
 # --fresh: the tree must be configured for clang whatever was there before.
 CC=clang-14 CXX=clang++-14 cmake --fresh -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DZORV_FUZZ=ON -DZORV_BUILD_TESTS=OFF -DZORV_SANITIZE=ON \
     -DCMAKE_C_FLAGS=-fsanitize=fuzzer-no-link -DCMAKE_CXX_FLAGS=-fsanitize=fuzzer-no-link \
-    >"$build.configure.log" 2>&1 || { cat "$build.configure.log"; exit 1; }
-rm -f "$build.configure.log"
+    >"$work_log" 2>&1 || { cat "$work_log"; exit 1; }
 cmake --build "$build" -j"$(nproc)" --target "${targets[@]/#/fuzz_}"
 
 # Scratch space in memory when there is some: the configuration target writes
