@@ -2,6 +2,9 @@
 //
 //   label_tree_bench ROOT             through addTagFullSystem, as the tool runs it
 //   label_tree_bench ROOT WORKERS     through labelTree with that many workers
+#include <limits.h>
+#include <stdlib.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -28,7 +31,9 @@ int main(int argc, char** argv) {
   } else {
     bool absent = false;
     std::unique_ptr<lm::StateDb> db = lm::StateDb::open(lm::StateDb::OpenMode::kExisting, &absent);
-    std::unique_ptr<lm::LabelPolicy> policy = lm::LabelPolicy::load(db.get());
+    char root[PATH_MAX];
+    if (realpath(argv[1], root) == nullptr) return 1;
+    std::unique_ptr<lm::LabelPolicy> policy = lm::LabelPolicy::loadUnder(db.get(), root);
     if (!policy) return 1;
     lm::TreeLabelOptions options;
     options.workers = static_cast<unsigned>(std::atoi(argv[2]));

@@ -119,7 +119,7 @@ std::string slurp(const std::string& path) {
 }  // namespace
 
 void OwnershipIndex::load(const std::string& dpkgDir, const std::vector<std::string>& packages,
-                          const std::unordered_set<std::string>* only) {
+                          const std::unordered_set<std::string>* only, const std::string* under) {
   owners_.clear();
   // With a short list of wanted paths, most listed lines are passed over on
   // their last name alone, before any directory is resolved.
@@ -170,6 +170,10 @@ void OwnershipIndex::load(const std::string& dpkgDir, const std::vector<std::str
       key.assign(real == "/" ? "" : real);
       key.append(list, slash, last - slash);
       if (only != nullptr && only->count(key) == 0) continue;
+      if (under != nullptr &&
+          !(key.compare(0, under->size(), *under) == 0 &&
+            (key.size() == under->size() || key[under->size()] == '/' || *under == "/")))
+        continue;
       auto [slot, inserted] = owners_.emplace(key, owner);
       if (!inserted && slot->second != owner) slot->second = kShared;
     }

@@ -30,9 +30,11 @@ class OwnershipIndex {
   /// with its directory made canonical, so that a file listed as /bin/x is
   /// found as /usr/bin/x where /bin links to /usr/bin. With `only`, just
   /// those canonical paths are indexed, which is much cheaper than indexing
-  /// all of a full system's lists.
+  /// all of a full system's lists. With `under` (a canonical directory), just
+  /// the paths inside it are indexed.
   void load(const std::string& dpkgDir, const std::vector<std::string>& packages,
-            const std::unordered_set<std::string>* only = nullptr);
+            const std::unordered_set<std::string>* only = nullptr,
+            const std::string* under = nullptr);
 
   /// Index into the `packages` given to load() of the one package that lists
   /// `canonicalPath`; kNoOwner when none does, and also when several do

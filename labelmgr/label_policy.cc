@@ -12,14 +12,19 @@ std::unique_ptr<LabelPolicy> LabelPolicy::loadFor(StateDb* db,
   return load(db, &only);
 }
 
+std::unique_ptr<LabelPolicy> LabelPolicy::loadUnder(StateDb* db, const std::string& root) {
+  return load(db, nullptr, &root);
+}
+
 std::unique_ptr<LabelPolicy> LabelPolicy::load(StateDb* db,
-                                               const std::unordered_set<std::string>* only) {
+                                               const std::unordered_set<std::string>* only,
+                                               const std::string* under) {
   std::vector<FileRule> rules;
   if (db != nullptr && !loadFileRules(*db, std::nullopt, &rules)) return nullptr;
   std::unique_ptr<LabelPolicy> policy(new LabelPolicy(std::move(rules)));
   std::string dpkgDir = dpkgDirectory();
   if (!policy->packageIds_.load(db, dpkgDir)) return nullptr;
-  policy->owners_.load(dpkgDir, policy->packageIds_.installed(), only);
+  policy->owners_.load(dpkgDir, policy->packageIds_.installed(), only, under);
   return policy;
 }
 

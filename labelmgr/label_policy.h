@@ -47,6 +47,9 @@ class LabelPolicy {
   /// package owned it.
   static std::unique_ptr<LabelPolicy> loadFor(StateDb* db,
                                               const std::vector<std::string>& canonicalPaths);
+  /// As load(), but ready to label only paths inside the canonical directory
+  /// `root`: package ownership is indexed for that subtree alone.
+  static std::unique_ptr<LabelPolicy> loadUnder(StateDb* db, const std::string& root);
 
   LabelPolicy(const LabelPolicy&) = delete;
   LabelPolicy& operator=(const LabelPolicy&) = delete;
@@ -65,8 +68,8 @@ class LabelPolicy {
 
  private:
   explicit LabelPolicy(std::vector<FileRule> rules) : rules_(std::move(rules)) {}
-  static std::unique_ptr<LabelPolicy> load(StateDb* db,
-                                           const std::unordered_set<std::string>* only);
+  static std::unique_ptr<LabelPolicy> load(StateDb* db, const std::unordered_set<std::string>* only,
+                                           const std::string* under = nullptr);
 
   PackageIds packageIds_;
   OwnershipIndex owners_;

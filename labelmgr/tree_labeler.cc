@@ -758,8 +758,10 @@ int addTagFullSystem(const std::string& root, const std::vector<std::string>& ex
   // cache of verified entries lives beside it.
   std::unique_ptr<StateDb> db = StateDb::open(StateDb::OpenMode::kCreate);
   if (!db) return -1;
-  std::unique_ptr<LabelPolicy> policy = LabelPolicy::load(db.get());
-  db.reset();
+  // Package ownership is indexed for the walked subtree only.
+  char resolved[PATH_MAX];
+  std::string canonicalRoot = ::realpath(root.c_str(), resolved) != nullptr ? resolved : root;
+  std::unique_ptr<LabelPolicy> policy = LabelPolicy::loadUnder(db.get(), canonicalRoot);
   if (!policy) return -1;
 
   TreeLabelOptions options;
@@ -777,7 +779,10 @@ int addTagFullSystem(const std::string& root, const std::vector<std::string>& ex
       static_cast<unsigned long long>(stats.failed),
       static_cast<unsigned long long>(stats.mountsSkipped),
       static_cast<unsigned long long>(stats.excluded));
-  setLabelSetStatus(1);
+  // A write costs the database a checkpoint with its syncs; repeated runs
+  // find the status already recorded.
+  if (readLabelSetStatus() != 1) setLabelSetStatus(*db, 1);
+  db.reset();
   publishLabelChange("file label-tree " + stats.root + " " + std::to_string(stats.written) + " " +
                      std::to_string(stats.seen));
   return 0;
