@@ -60,6 +60,7 @@ constexpr size_t kQueuedBatches = 16;
 // the outermost ones and reopen them through ".." on the way back.
 constexpr size_t kOpenFrames = 64;
 constexpr auto kProgressInterval = std::chrono::milliseconds(250);
+constexpr unsigned kReadFirstAfterLabelled = 64;
 
 // The Logger's category cache is not thread-safe; the walker and the workers
 // log through this lock.
@@ -163,15 +164,17 @@ ssize_t readLabel(const Item& item, unsigned char* buffer, size_t size) {
   return ::lgetxattr(reachablePath(item).c_str(), kAttributeName, buffer, size);
 }
 
-int writeLabel(const Item& item, const unsigned char* bytes, size_t size) {
+// `flags` as for setxattr(): XATTR_CREATE fails with EEXIST on a labelled file.
+int writeLabel(const Item& item, const unsigned char* bytes, size_t size, int flags) {
   if (!gNoXattrAt.load(std::memory_order_relaxed)) {
-    XattrArgs args{reinterpret_cast<uintptr_t>(bytes), static_cast<uint32_t>(size), 0};
+    XattrArgs args{reinterpret_cast<uintptr_t>(bytes), static_cast<uint32_t>(size),
+                   static_cast<uint32_t>(flags)};
     long rc = ::syscall(SYS_setxattrat, item.dirfd(), item.name(), AT_SYMLINK_NOFOLLOW,
                         kAttributeName, &args, sizeof args);
     if (rc == 0 || errno != ENOSYS) return static_cast<int>(rc);
     gNoXattrAt = true;
   }
-  return ::lsetxattr(reachablePath(item).c_str(), kAttributeName, bytes, size, 0);
+  return ::lsetxattr(reachablePath(item).c_str(), kAttributeName, bytes, size, flags);
 }
 
 // Sandboxes answer unknown system calls with EPERM as often as with ENOSYS;
@@ -224,6 +227,17 @@ void addStats(TreeLabelStats& total, const TreeLabelStats& part) {
   total.excluded += part.excluded;
 }
 
+// What one worker keeps for itself.
+struct WorkerState {
+  TreeLabelStats stats;
+  std::vector<TreeCacheEntry> verified;  // entries found or left correctly labelled
+  // Entries still to be read before writing. Trees tend to be labelled all
+  // through or not at all: while files carry no label, creating it outright
+  // saves the read; a file found labelled turns reading first back on for a
+  // while.
+  unsigned readFirst = 0;
+};
+
 // What the workers share during one run.
 class TreeRun {
  public:
@@ -235,7 +249,9 @@ class TreeRun {
     return !(entry.hasMountId && root_.hasMountId && entry.mountId != root_.mountId);
   }
 
-  void process(Item& item, TreeLabelStats& stats, std::vector<TreeCacheEntry>& verified) {
+  void process(Item& item, WorkerState& worker) {
+    TreeLabelStats& stats = worker.stats;
+    std::vector<TreeCacheEntry>& verified = worker.verified;
     if (!item.hasStat) {
       if (statEntry(item.dirfd(), item.name(), AT_SYMLINK_NOFOLLOW, &item.stat) != 0) {
         reportEntryError("cannot stat", item, errno, stats);
@@ -273,20 +289,29 @@ class TreeRun {
       ++stats.failed;
       return;
     }
-    unsigned char current[kLabelBufferBytes];
-    ssize_t currentSize = readLabel(item, current, sizeof current);
-    if (currentSize < 0 && errno != ENODATA && errno != ERANGE) {
-      reportEntryError("cannot read the label of", item, errno, stats);
-      return;
+    bool created = false;
+    if (worker.readFirst == 0) {
+      created = writeLabel(item, wanted, wantedSize, XATTR_CREATE) == 0;
+      if (!created && errno == EEXIST) worker.readFirst = kReadFirstAfterLabelled;
+    } else {
+      --worker.readFirst;
     }
-    if (currentSize == static_cast<ssize_t>(wantedSize) &&
-        std::memcmp(current, wanted, wantedSize) == 0) {
-      if (cacheable) verified.push_back(TreeLabelCache::entryFor(st, pathHash));
-      return;
-    }
-    if (writeLabel(item, wanted, wantedSize) != 0) {
-      reportEntryError("cannot write the label of", item, errno, stats);
-      return;
+    if (!created) {
+      unsigned char current[kLabelBufferBytes];
+      ssize_t currentSize = readLabel(item, current, sizeof current);
+      if (currentSize < 0 && errno != ENODATA && errno != ERANGE) {
+        reportEntryError("cannot read the label of", item, errno, stats);
+        return;
+      }
+      if (currentSize == static_cast<ssize_t>(wantedSize) &&
+          std::memcmp(current, wanted, wantedSize) == 0) {
+        if (cacheable) verified.push_back(TreeLabelCache::entryFor(st, pathHash));
+        return;
+      }
+      if (writeLabel(item, wanted, wantedSize, 0) != 0) {
+        reportEntryError("cannot write the label of", item, errno, stats);
+        return;
+      }
     }
     ++stats.written;
     // The write moved the change time; remember the one it left. Reading it
@@ -355,10 +380,8 @@ class TreeRun {
 
 class WorkerPool {
  public:
-  WorkerPool(TreeRun& run, unsigned count) : run_(run), stats_(count), verified_(count) {
-    for (unsigned i = 0; i < count; ++i) {
-      threads_.emplace_back([this, i] { work(stats_[i], verified_[i]); });
-    }
+  WorkerPool(TreeRun& run, unsigned count) : run_(run), workers_(count) {
+    for (unsigned i = 0; i < count; ++i) threads_.emplace_back([this, i] { work(workers_[i]); });
   }
   ~WorkerPool() { finish(); }
   WorkerPool(const WorkerPool&) = delete;
@@ -373,25 +396,24 @@ class WorkerPool {
     for (std::thread& thread : threads_) {
       if (thread.joinable()) thread.join();
     }
-    if (total != nullptr) {
-      for (const TreeLabelStats& part : stats_) addStats(*total, part);
-    }
-    if (verified != nullptr) {
-      for (const auto& part : verified_)
-        verified->insert(verified->end(), part.begin(), part.end());
+    for (WorkerState& worker : workers_) {
+      if (total != nullptr) addStats(*total, worker.stats);
+      if (verified != nullptr) {
+        verified->insert(verified->end(), worker.verified.begin(), worker.verified.end());
+      }
     }
   }
 
  private:
-  void work(TreeLabelStats& stats, std::vector<TreeCacheEntry>& verified) {
+  void work(WorkerState& worker) {
     std::vector<Item> batch;
     while (queue_.pop(&batch)) {
       for (Item& item : batch) {
         try {
-          run_.process(item, stats, verified);
+          run_.process(item, worker);
         } catch (const std::exception& e) {
           TREE_LOG(ERROR, "labelling %s failed: %s", item.path.c_str(), e.what());
-          ++stats.failed;
+          ++worker.stats.failed;
         }
       }
       run_.done += batch.size();
@@ -401,8 +423,7 @@ class WorkerPool {
 
   TreeRun& run_;
   BatchQueue queue_;
-  std::vector<TreeLabelStats> stats_;
-  std::vector<std::vector<TreeCacheEntry>> verified_;
+  std::vector<WorkerState> workers_;
   std::vector<std::thread> threads_;
 };
 
