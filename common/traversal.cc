@@ -6,12 +6,16 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <exception>
 #include <filesystem>
 #include <memory>
 #include <string_view>
+#include <system_error>
+#include <thread>
 #include <unordered_set>
 
 #include "common/path_resolve.h"
@@ -24,9 +28,15 @@ namespace {
 constexpr size_t kMaxDirectories = 100000;
 constexpr size_t kMaxRootBytes = 4096;
 constexpr size_t kEntryBufferBytes = 64 * 1024;
+// Directories read ahead of the one being listed: bounds the memory that
+// waiting listings hold and the work done past the directory cap.
+constexpr size_t kMaxBatch = 1024;
+// Below this many directories a batch is read on the calling thread alone.
+constexpr size_t kMinParallelBatch = 32;
+constexpr unsigned kMaxReaders = 4;
 
 // Owns the descriptor of an open directory. Entries are read with
-// getdents64 into one buffer per walk rather than through a DIR stream: a
+// getdents64 into one buffer per reader rather than through a DIR stream: a
 // stream costs an allocation and extra system calls for every directory.
 class DirFd {
  public:
@@ -51,6 +61,21 @@ class DirFd {
   int fd_ = -1;
 };
 
+enum class EntryKind : unsigned char { kListed, kDirectory, kStatFailed };
+
+struct Entry {
+  std::string path;
+  int error;  // errno of a failed lstat
+  EntryKind kind;
+};
+
+// What reading one directory found, kept until it is its turn to be listed.
+struct Listing {
+  bool outsideRoot = false;
+  int openError = 0;
+  std::vector<Entry> entries;
+};
+
 bool isDotOrDotDot(const char* name) {
   return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
@@ -67,6 +92,100 @@ std::string normalizeRoot(const std::string& root) {
     tidy += root[i];
   }
   return tidy;
+}
+
+// Opens `dir` and lstat()s each entry relative to the open descriptor, so the
+// kernel resolves one name per entry instead of the whole path. Keeps
+// regular files, links and directories; other kinds are dropped here.
+void readDirectory(const std::string& root, const std::string& dir, bool isRoot, char* buffer,
+                   Listing& listing) {
+  // Every queued path is built by appending to the root; anything else is
+  // never opened.
+  if (dir.compare(0, root.size(), root) != 0) {
+    listing.outsideRoot = true;
+    return;
+  }
+  // Below the root a directory was seen by lstat as a real directory; if it
+  // has been swapped for a link since, refuse it rather than walk elsewhere.
+  DirFd handle;
+  if (!handle.open(dir.c_str(), isRoot)) {
+    listing.openError = errno;
+    return;
+  }
+  const int fd = handle.get();
+  const bool endsWithSlash = dir.back() == '/';
+  struct stat st {};
+  ssize_t filled;
+  while ((filled = getdents64(fd, buffer, kEntryBufferBytes)) > 0) {
+    // Records take at least 24 bytes; most names are short enough for 32.
+    listing.entries.reserve(listing.entries.size() + filled / 32);
+    for (ssize_t offset = 0; offset < filled;) {
+      const auto* dirent = reinterpret_cast<const struct dirent64*>(buffer + offset);
+      offset += dirent->d_reclen;
+      const char* name = dirent->d_name;
+      if (isDotOrDotDot(name)) continue;
+      EntryKind kind = EntryKind::kStatFailed;
+      int error = 0;
+      if (fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        error = errno;
+      } else if (S_ISDIR(st.st_mode)) {
+        kind = EntryKind::kDirectory;
+      } else if (S_ISLNK(st.st_mode) || S_ISREG(st.st_mode)) {
+        kind = EntryKind::kListed;
+      } else {
+        continue;  // devices, FIFOs and sockets are left out without a word
+      }
+      const size_t nameLength = std::strlen(name);
+      Entry& entry = listing.entries.emplace_back(Entry{std::string(), error, kind});
+      entry.path.reserve(dir.size() + 1 + nameLength);
+      entry.path.append(dir);
+      if (!endsWithSlash) entry.path.push_back('/');
+      entry.path.append(name, nameLength);
+    }
+  }
+}
+
+// Reads the directories queue[first, first + listings.size()) into
+// `listings`. Reading is where a walk spends its time (one lstat per entry),
+// and the directories of a batch do not depend on each other, so large
+// batches are shared among a few threads; the caller lists the results in
+// queue order afterwards, which keeps the output and the log exactly as a
+// one-by-one walk would produce them. Only the calling thread logs.
+void readBatch(const std::string& root, const std::deque<std::string>& queue, size_t first,
+               std::vector<Listing>& listings) {
+  const size_t count = listings.size();
+  std::atomic<size_t> next{0};
+  std::exception_ptr failure;
+  std::atomic<bool> failed{false};
+  auto reader = [&] {
+    try {
+      const std::unique_ptr<char[]> buffer(new char[kEntryBufferBytes]);
+      for (size_t i = next++; i < count; i = next++) {
+        readDirectory(root, queue[first + i], first + i == 0, buffer.get(), listings[i]);
+      }
+    } catch (...) {
+      // Only the first failure is kept; the others stop their reader too.
+      if (!failed.exchange(true)) failure = std::current_exception();
+      next = count;
+    }
+  };
+
+  std::vector<std::thread> helpers;
+  if (count >= kMinParallelBatch) {
+    const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+    const unsigned wanted = std::min(cores, kMaxReaders) - 1;
+    helpers.reserve(wanted);  // so that only starting a thread can fail below
+    for (unsigned i = 0; i < wanted; ++i) {
+      try {
+        helpers.emplace_back(reader);
+      } catch (const std::system_error&) {
+        break;  // no more threads to be had: read with fewer
+      }
+    }
+  }
+  reader();
+  for (std::thread& helper : helpers) helper.join();
+  if (failure) std::rethrow_exception(failure);
 }
 
 }  // namespace
@@ -96,61 +215,47 @@ int traverseDirectory(const std::string& rootArg, std::vector<std::string>& out)
   queued.insert(queue.back());
   size_t front = 0;
   size_t opened = 0;
-  const std::unique_ptr<char[]> buffer(new char[kEntryBufferBytes]);
+  std::vector<Listing> listings;
 
   while (front < queue.size()) {
-    const bool isRoot = front == 0;
-    const std::string& dir = queue[front++];
-    if (dir.compare(0, root.size(), root) != 0) {
-      ZLOG_ERROR("Potential path traversal detected: %s", dir.c_str());
-      continue;
-    }
-    // Below the root a directory was seen by lstat as a real directory; if it
-    // has been swapped for a link since, refuse it rather than walk elsewhere.
-    DirFd handle;
-    if (!handle.open(dir.c_str(), isRoot)) {
-      ZLOG_ERROR("Failed to open directory: %s, error: %s", dir.c_str(), strerror(errno));
-      continue;
-    }
-    out.push_back(dir);
+    // Never read further ahead than the cap could still allow, so that a cut
+    // walk does no more work than a one-by-one walk would.
+    const size_t batch = std::min({queue.size() - front, kMaxBatch, kMaxDirectories - opened});
+    listings.clear();
+    listings.resize(batch);
+    readBatch(root, queue, front, listings);
 
-    const int fd = handle.get();
-    const bool endsWithSlash = dir.back() == '/';
-    ssize_t filled;
-    while ((filled = getdents64(fd, buffer.get(), kEntryBufferBytes)) > 0) {
-      for (ssize_t offset = 0; offset < filled;) {
-        const auto* entry = reinterpret_cast<const struct dirent64*>(buffer.get() + offset);
-        offset += entry->d_reclen;
-        const char* name = entry->d_name;
-        if (isDotOrDotDot(name)) continue;
-        // Relative to the open directory: the kernel need not walk the whole
-        // path again for every entry.
-        const int statResult = fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW);
-        const int statErrno = errno;
-        const bool isDir = statResult == 0 && S_ISDIR(st.st_mode);
-        const bool listed = statResult == 0 && (S_ISLNK(st.st_mode) || S_ISREG(st.st_mode));
-        // Devices, FIFOs and sockets are left out without a word.
-        if (statResult == 0 && !isDir && !listed) continue;
-
-        const size_t nameLength = std::strlen(name);
-        std::string child;
-        child.reserve(dir.size() + 1 + nameLength);
-        child.append(dir);
-        if (!endsWithSlash) child.push_back('/');
-        child.append(name, nameLength);
-        if (statResult != 0) {
-          ZLOG_ERROR("Failed to stat path: %s, error: %s", child.c_str(), strerror(statErrno));
-        } else if (listed) {
-          out.push_back(std::move(child));
-        } else {
-          queue.push_back(std::move(child));
-          if (!queued.insert(queue.back()).second) queue.pop_back();
+    for (Listing& listing : listings) {
+      const std::string& dir = queue[front++];
+      if (listing.outsideRoot) {
+        ZLOG_ERROR("Potential path traversal detected: %s", dir.c_str());
+        continue;
+      }
+      if (listing.openError != 0) {
+        ZLOG_ERROR("Failed to open directory: %s, error: %s", dir.c_str(),
+                   strerror(listing.openError));
+        continue;
+      }
+      out.push_back(dir);
+      for (Entry& entry : listing.entries) {
+        switch (entry.kind) {
+          case EntryKind::kStatFailed:
+            ZLOG_ERROR("Failed to stat path: %s, error: %s", entry.path.c_str(),
+                       strerror(entry.error));
+            break;
+          case EntryKind::kListed:
+            out.push_back(std::move(entry.path));
+            break;
+          case EntryKind::kDirectory:
+            queue.push_back(std::move(entry.path));
+            if (!queued.insert(queue.back()).second) queue.pop_back();
+            break;
         }
       }
-    }
-    if (++opened >= kMaxDirectories) {
-      ZLOG_ERROR("Reached maximum directory limit: %zu", kMaxDirectories);
-      break;
+      if (++opened >= kMaxDirectories) {
+        ZLOG_ERROR("Reached maximum directory limit: %zu", kMaxDirectories);
+        return 0;
+      }
     }
   }
   return 0;

@@ -1,5 +1,6 @@
 #include "common/traversal.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <stdlib.h>
@@ -9,6 +10,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <deque>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -98,6 +102,38 @@ std::string joinLines(const std::vector<std::string>& lines) {
   std::string text;
   for (const std::string& line : lines) text += line + "\n";
   return text;
+}
+
+// The walk done the plain way, one directory at a time with opendir, readdir
+// and lstat: what traverseDirectory must list and log, line for line.
+void oneByOneWalk(const std::string& root, std::vector<std::string>& out,
+                  std::vector<std::string>& log) {
+  std::deque<std::string> queue = {root};
+  for (; !queue.empty(); queue.pop_front()) {
+    const std::string dir = queue.front();
+    DIR* handle = opendir(dir.c_str());
+    if (handle == nullptr) {
+      log.push_back("ERROR [traverseDirectory] Failed to open directory: " + dir +
+                    ", error: " + strerror(errno));
+      continue;
+    }
+    out.push_back(dir);
+    while (const dirent* entry = readdir(handle)) {
+      const std::string name = entry->d_name;
+      if (name == "." || name == "..") continue;
+      const std::string child = dir + "/" + name;
+      struct stat st {};
+      if (lstat(child.c_str(), &st) != 0) {
+        log.push_back("ERROR [traverseDirectory] Failed to stat path: " + child +
+                      ", error: " + strerror(errno));
+      } else if (S_ISDIR(st.st_mode)) {
+        queue.push_back(child);
+      } else if (S_ISREG(st.st_mode) || S_ISLNK(st.st_mode)) {
+        out.push_back(child);
+      }
+    }
+    closedir(handle);
+  }
 }
 
 // Checks the breadth-first shape of a walk: each listed directory is
@@ -238,6 +274,48 @@ TEST(TraverseDirectoryTest, UnreadableDirectoriesAreSkipped) {
           "/listonly/g, error: Permission denied"};
   EXPECT_EQ(expected, got) << result;
   EXPECT_EQ(expected.size() + 1, lines.size()) << result;
+}
+
+TEST(TraverseDirectoryTest, WideTreesComeOutAsAOneByOneWalk) {
+  // Enough directories on each level to be read several at a time, with
+  // unreadable ones among them: output and log must still follow the queue.
+  ScopedTempDir dir;
+  ASSERT_EQ(0, chmod(dir.path().c_str(), 0755));
+  const std::string root = dir / "root";
+  for (int i = 0; i < 60; ++i) {
+    const std::string d = root + "/d" + std::to_string(i);
+    for (int f = 0; f < 3; ++f) writeTextFile(d + "/f" + std::to_string(f), "");
+    if (i % 5 != 0) writeTextFile(d + "/sub/g", "");
+    if (i % 9 == 0) {
+      ASSERT_EQ(0, symlink(root.c_str(), (d + "/up").c_str()));
+    }
+    if (i % 10 == 3) {
+      ASSERT_EQ(0, chmod(d.c_str(), 0700));
+    }
+    if (i % 7 == 1) {
+      ASSERT_EQ(0, chmod(d.c_str(), 0744));
+    }
+  }
+  ASSERT_EQ(0, mkfifo((root + "/d2/fifo").c_str(), 0600));
+
+  LogCapture capture;
+  const std::string result = runAsNobody([&] {
+    std::vector<std::string> out;
+    traverseDirectory(root, out);
+    for (const std::string& r : records(capture)) out.push_back("log: " + r);
+    std::vector<std::string> expected;
+    std::vector<std::string> expectedLog;
+    oneByOneWalk(root, expected, expectedLog);
+    for (const std::string& r : expectedLog) expected.push_back("log: " + r);
+    return joinLines(out) + "=====\n" + joinLines(expected);
+  });
+  const size_t split = result.find("=====\n");
+  ASSERT_NE(std::string::npos, split) << result;
+  const std::string got = result.substr(0, split);
+  const std::string expected = result.substr(split + 6);
+  EXPECT_NE(std::string::npos, expected.find("Failed to open directory")) << expected;
+  EXPECT_NE(std::string::npos, expected.find("Failed to stat path")) << expected;
+  EXPECT_EQ(expected, got);
 }
 
 TEST(TraverseDirectoryTest, StopsAtTheDirectoryCap) {
