@@ -31,8 +31,8 @@ else
 fi
 
 # "WALL CPU" in milliseconds, each the smallest of three runs. The CPU time
-# (user + system) is printed beside the wall time because it hardly moves
-# when other work shares the machine.
+# (user + system, all threads together) is printed beside the wall time: it
+# shows the work done, which the reader threads of the walk spread out.
 best_of_3() {
   local TIMEFORMAT='%3R %3U %3S' best_wall='' best_cpu='' real user sys wall cpu
   for _ in 1 2 3; do

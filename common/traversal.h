@@ -10,7 +10,9 @@
 /// Links are never followed; at most 100000 directories are read. Returns 0
 /// when the walk ran (also when the cap cut it short), -1 when the root is
 /// unusable. Every problem is logged at error level; below the root the
-/// entry is skipped and the walk goes on.
+/// entry is skipped and the walk goes on. Wide levels are read on up to three
+/// helper threads, all joined before it returns; only the calling thread logs
+/// or touches `out`.
 int traverseDirectory(const std::string& root, std::vector<std::string>& out);
 /// Expands entries whose last component holds '*' and sorts everything with
 /// comparePaths. Duplicates stay. Lets a filesystem_error of the expansion
