@@ -1,7 +1,5 @@
 #include "label/id.h"
 
-#include <cinttypes>
-#include <cstdio>
 #include <sstream>
 
 #include "label/coding_internal.h"
@@ -15,9 +13,26 @@ namespace {
 constexpr size_t kTextLength = 50;
 }  // namespace
 
+namespace {
+
+// Sixteen zero-filled lower-case hex digits; printing every label of a tree
+// goes through here, where snprintf's format parsing is measurable.
+char* putHex16(char* out, uint64_t value) {
+  static const char kDigits[] = "0123456789abcdef";
+  for (int i = 15; i >= 0; --i) {
+    out[i] = kDigits[value & 0xf];
+    value >>= 4;
+  }
+  return out + 16;
+}
+
+}  // namespace
+
 std::string Id::toString() const {
-  char text[kTextLength + 1];
-  snprintf(text, sizeof(text), "%016" PRIx64 "-%016" PRIx64 "-%016" PRIx64, pkg_, file_, path_);
+  std::string text(kTextLength, '-');
+  char* out = putHex16(&text[0], pkg_);
+  out = putHex16(out + 1, file_);
+  putHex16(out + 1, path_);
   return text;
 }
 

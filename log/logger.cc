@@ -50,6 +50,8 @@ bool endsWith(const std::string& text, const std::string& suffix) {
 // formats the result a second time with the caller's arguments.
 void logWithPrefix(log4cpp::Category& category, log4cpp::Priority::Value priority,
                    const char* tag, int line, const char* format, va_list args) {
+  // log4cpp drops the record anyway; skip building the prefix for it.
+  if (!category.isPriorityEnabled(priority)) return;
   char prefixed[kPrefixBufferSize];
   snprintf(prefixed, sizeof(prefixed), "[%s:%d] %s", tag, line, format);
   category.logva(priority, prefixed, args);
