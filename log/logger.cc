@@ -48,8 +48,8 @@ bool endsWith(const std::string& text, const std::string& suffix) {
 
 // Embeds the caller's format (not the formatted message) in the prefix; log4cpp
 // formats the result a second time with the caller's arguments.
-void logWithPrefix(log4cpp::Category& category, log4cpp::Priority::Value priority,
-                   const char* tag, int line, const char* format, va_list args) {
+void logWithPrefix(log4cpp::Category& category, log4cpp::Priority::Value priority, const char* tag,
+                   int line, const char* format, va_list args) {
   // log4cpp drops the record anyway; skip building the prefix for it.
   if (!category.isPriorityEnabled(priority)) return;
   char prefixed[kPrefixBufferSize];
@@ -94,12 +94,12 @@ Logger::~Logger() {
   categories.clear();
 }
 
-#define ZORV_DEFINE_LEVEL(method, priority)                                  \
-  void Logger::method(const char* tag, int line, const char* format, ...) { \
-    va_list args;                                                           \
-    va_start(args, format);                                                 \
+#define ZORV_DEFINE_LEVEL(method, priority)                                     \
+  void Logger::method(const char* tag, int line, const char* format, ...) {     \
+    va_list args;                                                               \
+    va_start(args, format);                                                     \
     logWithPrefix(*root, log4cpp::Priority::priority, tag, line, format, args); \
-    va_end(args);                                                           \
+    va_end(args);                                                               \
   }
 
 ZORV_DEFINE_LEVEL(debug, DEBUG)
