@@ -91,26 +91,27 @@ int64_t ctimeNs(const struct stat& st) {
 }  // namespace
 
 uint64_t TreeLabelCache::fingerprint(const LabelPolicy& policy) {
+  return fingerprint(policy.rules().all(), policy.packageIds().userSet());
+}
+
+uint64_t TreeLabelCache::fingerprint(const std::vector<FileRule>& rules,
+                                     const std::vector<PkgIdRule>& packageIds) {
   Fnv fnv;
   fnv.add(uint64_t{kVersion});
-  const PackageIds& ids = policy.packageIds();
-  for (size_t i = 0; i < ids.installed().size(); ++i) {
-    fnv.add(ids.installed()[i]);
-    fnv.add(ids.idOfInstalled(static_cast<uint32_t>(i)));
-  }
-  for (const PkgIdRule& rule : ids.userSet()) {
+  for (const PkgIdRule& rule : packageIds) {
     fnv.add(rule.name);
     fnv.add(rule.id);
   }
-  for (const FileRule& rule : policy.rules().all()) {
+  for (const FileRule& rule : rules) {
     fnv.add(uint64_t{static_cast<uint64_t>(rule.field)});
     fnv.add(uint64_t{rule.isPattern});
     fnv.add(rule.target);
     for (uint64_t value : rule.value) fnv.add(value);
     fnv.add(static_cast<uint64_t>(rule.seq));
   }
-  // The package owning each file comes from dpkg's file lists: a changed
-  // list changes its size or modification time.
+  // The installed packages (and so their ids) come from dpkg's status file,
+  // and the package owning each file from its file lists: a changed file
+  // changes its size or modification time.
   std::string dpkgDir = dpkgDirectory();
   addFileState(fnv, dpkgDir + "/status");
   std::vector<std::string> lists;

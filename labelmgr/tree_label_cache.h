@@ -25,6 +25,8 @@
 #include <string_view>
 #include <vector>
 
+#include "labelmgr/user_set_store.h"
+
 namespace zorv::labelmgr {
 
 class LabelPolicy;
@@ -41,7 +43,10 @@ struct TreeCacheEntry {
 class TreeLabelCache {
  public:
   /// Everything the labels depend on besides the path and the mode: the
-  /// user-set rules, the package ids and the state of the dpkg database.
+  /// user-set file rules and package ids, and the state of the dpkg database
+  /// (its status file and file lists). Cheap: it needs no LabelPolicy.
+  static uint64_t fingerprint(const std::vector<FileRule>& rules,
+                              const std::vector<PkgIdRule>& packageIds);
   static uint64_t fingerprint(const LabelPolicy& policy);
   /// A stable 64-bit hash of a path (FNV-1a).
   static uint64_t hashPath(std::string_view path);

@@ -241,7 +241,7 @@ struct WorkerState {
 // What the workers share during one run.
 class TreeRun {
  public:
-  TreeRun(const LabelPolicy& policy, const TreeLabelCache& cache, const EntryStat& root)
+  TreeRun(PolicySource& policy, const TreeLabelCache& cache, const EntryStat& root)
       : policy_(policy), cache_(cache), root_(root) {}
 
   bool onRootMount(const EntryStat& entry) const {
@@ -281,7 +281,12 @@ class TreeRun {
       return;
     }
 
-    Label label = policy_.effectiveLabel(item.path, st);
+    const LabelPolicy* policy = policy_.get();
+    if (policy == nullptr) {
+      ++stats.failed;  // the loader has said why
+      return;
+    }
+    Label label = policy->effectiveLabel(item.path, st);
     unsigned char wanted[kLabelBufferBytes];
     size_t wantedSize = label.serializeToBuffer(wanted, sizeof wanted);
     if (wantedSize == 0) {
@@ -369,7 +374,7 @@ class TreeRun {
   std::atomic<uint64_t> done{0};
 
  private:
-  const LabelPolicy& policy_;
+  PolicySource& policy_;
   const TreeLabelCache& cache_;
   const EntryStat root_;
   std::mutex deferredMutex_;
@@ -693,7 +698,30 @@ std::unordered_set<std::string> normaliseExcludes(const std::vector<std::string>
 
 }  // namespace
 
+PolicySource::PolicySource(const LabelPolicy& policy)
+    : policy_(&policy), fingerprint_(TreeLabelCache::fingerprint(policy)) {}
+
+PolicySource::PolicySource(std::function<std::unique_ptr<LabelPolicy>()> load, uint64_t fingerprint)
+    : load_(std::move(load)), fingerprint_(fingerprint) {}
+
+PolicySource::~PolicySource() = default;
+
+const LabelPolicy* PolicySource::get() {
+  if (!load_) return policy_;
+  std::call_once(once_, [this] {
+    owned_ = load_();
+    policy_ = owned_.get();
+  });
+  return policy_;
+}
+
 int labelTree(const std::string& root, const LabelPolicy& policy, const TreeLabelOptions& options,
+              TreeLabelStats* stats) {
+  PolicySource source(policy);
+  return labelTree(root, source, options, stats);
+}
+
+int labelTree(const std::string& root, PolicySource& policy, const TreeLabelOptions& options,
               TreeLabelStats* stats) {
   TreeLabelStats total;
   char resolved[PATH_MAX];
@@ -718,12 +746,9 @@ int labelTree(const std::string& root, const LabelPolicy& policy, const TreeLabe
   probeXattrAt(canonicalRoot);
 
   std::vector<TreeCacheEntry> verified;
-  uint64_t fingerprint = 0;
+  uint64_t fingerprint = policy.fingerprint();
   TreeLabelCache cache;
-  if (!options.cacheFile.empty()) {
-    fingerprint = TreeLabelCache::fingerprint(policy);
-    cache.load(options.cacheFile, fingerprint);
-  }
+  if (!options.cacheFile.empty()) cache.load(options.cacheFile, fingerprint);
 
   try {
     TreeRun run(policy, cache, rootStat);
@@ -779,18 +804,25 @@ int addTagFullSystem(const std::string& root, const std::vector<std::string>& ex
   // cache of verified entries lives beside it.
   std::unique_ptr<StateDb> db = StateDb::open(StateDb::OpenMode::kCreate);
   if (!db) return -1;
-  // Package ownership is indexed for the walked subtree only.
+  // The rules and package ids fix the cache's fingerprint now; the policy
+  // itself (with the package ownership of the walked subtree) is loaded only
+  // if some entry turns out to need its label computed.
+  std::vector<FileRule> rules;
+  std::vector<PkgIdRule> packageIds;
+  if (!loadFileRules(*db, std::nullopt, &rules) || !loadPkgIds(*db, &packageIds)) return -1;
   char resolved[PATH_MAX];
   std::string canonicalRoot = ::realpath(root.c_str(), resolved) != nullptr ? resolved : root;
-  std::unique_ptr<LabelPolicy> policy = LabelPolicy::loadUnder(db.get(), canonicalRoot);
-  if (!policy) return -1;
+  StateDb* state = db.get();
+  PolicySource policy(
+      [state, canonicalRoot] { return LabelPolicy::loadUnder(state, canonicalRoot); },
+      TreeLabelCache::fingerprint(rules, packageIds));
 
   TreeLabelOptions options;
   options.excludes = excludes;
   options.cacheFile = stateDirectory() + "/label-tree.cache";
   TreeLabelStats stats;
   auto start = std::chrono::steady_clock::now();
-  if (labelTree(root, *policy, options, &stats) != 0) return -1;
+  if (labelTree(root, policy, options, &stats) != 0) return -1;
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   ZLOG_INFO(
       "labelled the tree under %s in %.3f s: %llu seen (%llu unchanged since the last run), "

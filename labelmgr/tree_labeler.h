@@ -17,6 +17,9 @@
 #define ZORV_LABELMGR_TREE_LABELER_H_
 
 #include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -48,10 +51,38 @@ struct TreeLabelStats {
   uint64_t excluded = 0;
 };
 
+/// Where a run takes its LabelPolicy from: one loaded beforehand, or a loader
+/// called on the first entry whose label must be computed, so that a run that
+/// finds everything unchanged in its cache never pays for loading it.
+/// get() is thread-safe.
+class PolicySource {
+ public:
+  explicit PolicySource(const LabelPolicy& policy);
+  /// `fingerprint` as TreeLabelCache::fingerprint() gives it for the rules and
+  /// package ids the loader will see. The loader runs at most once, on a
+  /// worker thread; null means it failed (and said why).
+  PolicySource(std::function<std::unique_ptr<LabelPolicy>()> load, uint64_t fingerprint);
+  ~PolicySource();
+  PolicySource(const PolicySource&) = delete;
+  PolicySource& operator=(const PolicySource&) = delete;
+
+  const LabelPolicy* get();
+  uint64_t fingerprint() const { return fingerprint_; }
+
+ private:
+  std::function<std::unique_ptr<LabelPolicy>()> load_;
+  std::once_flag once_;
+  std::unique_ptr<LabelPolicy> owned_;
+  const LabelPolicy* policy_ = nullptr;
+  uint64_t fingerprint_ = 0;
+};
+
 /// Labels the tree under `root` with `policy`. Returns 0 when the walk ran to
 /// its end (problems with single entries are logged and counted in `stats`),
 /// -1 (logged) when the root cannot be used: missing, not a directory, or on a
 /// read-only file system.
+int labelTree(const std::string& root, PolicySource& policy, const TreeLabelOptions& options,
+              TreeLabelStats* stats);
 int labelTree(const std::string& root, const LabelPolicy& policy, const TreeLabelOptions& options,
               TreeLabelStats* stats);
 

@@ -121,6 +121,15 @@ TEST_F(TreeLabelerTest, LabelsEveryEntryAsRestoreWouldAndOnlyOnce) {
   EXPECT_EQ(13u, again.seen);
   EXPECT_EQ(0u, again.written);
   EXPECT_EQ(0u, again.failed);
+
+  // The library call keeps its cache in the state directory and still sees
+  // a package id set since.
+  LogCapture log;
+  ASSERT_EQ(0, addTagFullSystem(root_, {}));
+  EXPECT_EQ(1u, log.count("13 seen (12 unchanged since the last run), 0 written")) << log.dump();
+  ASSERT_EQ(0, setPkgId("alpha", 0x77));
+  ASSERT_EQ(0, addTagFullSystem(root_, {}));
+  EXPECT_EQ(0x77u, labelOf(tool).oid_.pkg_);
 }
 
 // The cache lets unchanged entries pass with a stat(), and nothing that
