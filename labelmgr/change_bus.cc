@@ -44,6 +44,8 @@ constexpr int64_t kMtimeMarginNs = 2'000'000'000;
 // A lock file without an endpoint this old belongs to a listener that died
 // while setting itself up.
 constexpr time_t kOrphanLockAgeS = 60;
+// How often a publisher makes sure the listeners it is connected to still live.
+constexpr int64_t kPeerCheckIntervalNs = 1'000'000'000;
 
 class UniqueFd {
  public:
@@ -174,11 +176,31 @@ class Publisher {
       listed_ = false;
       return;
     }
-    if (listed_ && toNs(st.st_mtim) == toNs(listedMtime_) &&
-        listedAtNs_ - toNs(listedMtime_) > kMtimeMarginNs) {
-      return;
+    if (!listed_ || toNs(st.st_mtim) != toNs(listedMtime_) ||
+        listedAtNs_ - toNs(listedMtime_) <= kMtimeMarginNs) {
+      rescan(st);
     }
-    rescan(st);
+    dropDeadPeers();
+  }
+
+  // A listener that dies leaves its endpoint behind and the directory as it
+  // was; messages queued for it would only hold up our exit for the linger.
+  void dropDeadPeers() {
+    if (peers_.empty()) return;
+    int64_t now = nowNs();
+    if (now - peersCheckedNs_ < kPeerCheckIntervalNs) return;
+    peersCheckedNs_ = now;
+    for (size_t i = 0; i < peers_.size();) {
+      std::string base = dir_ + "/" + peers_[i].name;
+      if (listenerAlive(base + kLockSuffix)) {
+        ++i;
+        continue;
+      }
+      ZLOG_DEBUG("label change listener %s has gone away", peers_[i].name.c_str());
+      dropPeer(i, true);
+      ::unlink((base + kEndpointSuffix).c_str());
+      ::unlink((base + kLockSuffix).c_str());
+    }
   }
 
   void rescan(const struct stat& st) {
@@ -267,6 +289,7 @@ class Publisher {
   bool listed_ = false;
   timespec listedMtime_{};
   int64_t listedAtNs_ = 0;
+  int64_t peersCheckedNs_ = 0;
   std::vector<Peer> peers_;
 };
 

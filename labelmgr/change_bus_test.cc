@@ -222,6 +222,34 @@ TEST_F(ChangeBusTest, StaleEndpointsOfDeadListenersAreClearedWithoutStalling) {
   EXPECT_EQ(2u, left.size()) << "only the live listener's endpoint and lock remain";
 }
 
+TEST_F(ChangeBusTest, ListenerDyingWhileConnectedIsDropped) {
+  int ready[2];
+  ASSERT_EQ(0, pipe(ready));
+  pid_t pid = fork();
+  if (pid == 0) {
+    Subscriber subscriber = newSubscriber();
+    char done = subscribeLabelChangeMsg(subscriber.get(), "") == 0 ? 'y' : 'n';
+    (void)!write(ready[1], &done, 1);
+    pause();
+    _exit(0);
+  }
+  char done = 0;
+  ASSERT_EQ(1, read(ready[0], &done, 1));
+  ASSERT_EQ('y', done);
+  publishLabelChange("file init /x connected");
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+
+  // Past the liveness interval the next message finds it dead: nothing stays
+  // queued for it and its files are cleared.
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  publishLabelChange("file init /x after");
+  EXPECT_TRUE(fs::is_empty(labelChangeListenerDir()));
+  auto start = std::chrono::steady_clock::now();
+  closeLabelChangePublisher();
+  EXPECT_LT(msSince(start), 250.0) << "close waited out the linger";
+}
+
 TEST_F(ChangeBusTest, RunningPublisherReachesListenersThatSubscribeLater) {
   // No listener yet: publishing is a stat of a missing directory.
   auto start = std::chrono::steady_clock::now();
