@@ -37,12 +37,12 @@ constexpr char kPublisherEnv[] = "ZORV_TEST_PUBLISHER";
 // would at exit. With MAX_MS it exits 4 when publishing and closing took
 // longer than that.
 bool runAsPublisherIfAsked() {
-  const char* spec = std::getenv(kPublisherEnv);
-  if (spec == nullptr) return false;
+  const char* request = std::getenv(kPublisherEnv);
+  if (request == nullptr) return false;
   int id = 0;
   int count = 0;
   double maxMs = 0;
-  if (std::sscanf(spec, "%d %d %lf", &id, &count, &maxMs) < 2) std::exit(2);
+  if (std::sscanf(request, "%d %d %lf", &id, &count, &maxMs) < 2) std::exit(2);
   static const char* const kKinds[] = {"file set-oid", "file del-oid", "pkg set-id"};
   auto start = std::chrono::steady_clock::now();
   for (int i = 0; i < count; ++i) {
@@ -59,9 +59,9 @@ const bool kRanAsPublisher = runAsPublisherIfAsked();
 pid_t startPublisher(int id, int count, int maxMs = 0) {
   pid_t pid = fork();
   if (pid == 0) {
-    std::string spec =
+    std::string request =
         std::to_string(id) + " " + std::to_string(count) + " " + std::to_string(maxMs);
-    setenv(kPublisherEnv, spec.c_str(), 1);
+    setenv(kPublisherEnv, request.c_str(), 1);
     execl("/proc/self/exe", "change_bus_publisher", static_cast<char*>(nullptr));
     _exit(127);
   }
