@@ -1,0 +1,220 @@
+#include "tests/fault/fault_util.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <sched.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <stdlib.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+#include "cli/tool_runner.h"
+#include "testing/test_util.h"
+
+extern char** environ;
+
+namespace zorv_fault {
+namespace {
+
+constexpr char kAttribute[] = "security.zorv";
+
+}  // namespace
+
+std::string canonicalPath(const std::string& path) {
+  char resolved[PATH_MAX];
+  if (realpath(path.c_str(), resolved) == nullptr) return path;
+  return resolved;
+}
+
+ToolEnvironment::ToolEnvironment(const std::string& base) : base_(base) {
+  zorv_testing::writeTextFile(base_ + "/dpkg/status", "");
+  zorv_testing::makeDirs(base_ + "/dpkg/info");
+  const std::vector<std::pair<std::string, std::string>> wanted = {
+      {"ZORV_LABELMGR_STATE_DIR", stateDir()},
+      {"ZORV_LABELMGR_DPKG_DIR", base_ + "/dpkg"},
+      // Without it the tool finds our library through its RUNPATH.
+      {"LD_LIBRARY_PATH", ""},
+  };
+  for (const auto& [name, value] : wanted) {
+    const char* old = getenv(name.c_str());
+    saved_.push_back(Saved{name, old != nullptr, old != nullptr ? old : ""});
+    if (value.empty()) {
+      unsetenv(name.c_str());
+    } else {
+      setenv(name.c_str(), value.c_str(), 1);
+    }
+  }
+}
+
+ToolEnvironment::~ToolEnvironment() {
+  for (const Saved& saved : saved_) {
+    if (saved.set) {
+      setenv(saved.name.c_str(), saved.value.c_str(), 1);
+    } else {
+      unsetenv(saved.name.c_str());
+    }
+  }
+}
+
+CutRun runAndKill(const std::vector<std::string>& args, std::chrono::milliseconds delay) {
+  std::vector<std::string> texts{"zorv-label-manager-tool"};
+  texts.insert(texts.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (std::string& text : texts) argv.push_back(text.data());
+  argv.push_back(nullptr);
+
+  CutRun result;
+  result.delay = delay;
+  const pid_t pid = fork();
+  if (pid < 0) return result;
+  if (pid == 0) {
+    const int null = open("/dev/null", O_RDWR);
+    if (null < 0 || dup2(null, 0) < 0 || dup2(null, 1) < 0 || dup2(null, 2) < 0) _exit(126);
+    const struct rlimit noCore = {0, 0};
+    setrlimit(RLIMIT_CORE, &noCore);
+    execve(ZORV_TOOL_PATH, argv.data(), environ);
+    _exit(127);
+  }
+  std::this_thread::sleep_for(delay);
+  kill(pid, SIGKILL);  // harmless when the run already ended: the child waits to be reaped
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  result.killed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+  if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
+  return result;
+}
+
+std::chrono::milliseconds timeRun(const std::vector<std::string>& args) {
+  const auto start = std::chrono::steady_clock::now();
+  const zorv_testing::ToolResult run = zorv_testing::runTool(args, {}, false, 300);
+  const auto elapsed = std::chrono::steady_clock::now() - start;
+  if (run.status != 0) return std::chrono::milliseconds(-1);
+  return std::chrono::duration_cast<std::chrono::milliseconds>(elapsed);
+}
+
+LabelState readLabel(const std::string& path, Label* label) {
+  *label = Label();
+  unsigned char value[256];
+  const ssize_t size = lgetxattr(path.c_str(), kAttribute, value, sizeof value);
+  if (size < 0) return errno == ENODATA ? LabelState::kAbsent : LabelState::kMalformed;
+  if (size == 0) return LabelState::kMalformed;
+  try {
+    label->deserializeFromBuffer(value, static_cast<unsigned long>(size));
+  } catch (const std::exception&) {
+    return LabelState::kMalformed;
+  }
+  return LabelState::kPresent;
+}
+
+std::string integrityCheck(const std::string& path) {
+  sqlite3* db = nullptr;
+  // Read-write, so that a write-ahead log left by a killed run is recovered
+  // exactly as the next run of the tool would recover it.
+  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+    std::string error = db != nullptr ? sqlite3_errmsg(db) : "out of memory";
+    sqlite3_close(db);
+    return "cannot open " + path + ": " + error;
+  }
+  sqlite3_busy_timeout(db, 10000);
+  sqlite3_stmt* check = nullptr;
+  std::string result;
+  if (sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &check, nullptr) != SQLITE_OK) {
+    result = sqlite3_errmsg(db);
+  } else {
+    int rc;
+    while ((rc = sqlite3_step(check)) == SQLITE_ROW) {
+      if (!result.empty()) result += "; ";
+      result += reinterpret_cast<const char*>(sqlite3_column_text(check, 0));
+    }
+    if (rc != SQLITE_DONE) result += std::string(result.empty() ? "" : "; ") + sqlite3_errmsg(db);
+  }
+  sqlite3_finalize(check);
+  sqlite3_close(db);
+  return result;
+}
+
+std::vector<std::string> listTree(const std::string& root) {
+  std::vector<std::string> entries{root};
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(root))
+    entries.push_back(entry.path().string());
+  // A directory's path is a prefix of its entries' paths, so it sorts first.
+  std::sort(entries.begin() + 1, entries.end());
+  return entries;
+}
+
+SmallFileSystem::SmallFileSystem(const std::string& dir, const std::string& options) : dir_(dir) {
+  zorv_testing::makeDirs(dir_);
+  static const bool ownNamespace =
+      unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+  (void)ownNamespace;  // without one the mount is still removed on destruction
+  if (mount("zorv-fault", dir_.c_str(), "tmpfs", 0, options.c_str()) != 0) {
+    error_ = "cannot mount a tmpfs on " + dir_ + ": " + std::strerror(errno);
+    return;
+  }
+  mounted_ = true;
+}
+
+SmallFileSystem::~SmallFileSystem() {
+  if (mounted_) umount2(dir_.c_str(), MNT_DETACH);
+}
+
+bool SmallFileSystem::fillAttributeSpace() {
+  const std::string filler = dir_ + "/.filler-attrs";
+  zorv_testing::writeTextFile(filler, "");
+  const std::vector<char> value(4096, 'f');
+  // Far more attributes than any bounded tmpfs of this size takes.
+  constexpr int kMaxAttributes = 20000;
+  int count = 0;
+  for (size_t size = value.size(); size >= 1; size /= 2) {
+    for (;;) {
+      const std::string name = "trusted.fill" + std::to_string(count);
+      if (setxattr(filler.c_str(), name.c_str(), value.data(), size, 0) != 0) {
+        if (errno == ENOSPC) break;
+        error_ = "cannot set " + name + " on " + filler + ": " + std::strerror(errno);
+        return false;
+      }
+      if (++count == kMaxAttributes) {
+        error_ = "this kernel's tmpfs does not bound the space extended attributes take";
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+bool SmallFileSystem::fillBlocks() {
+  const std::string filler = dir_ + "/.filler-data";
+  const int fd = open(filler.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    error_ = "cannot create " + filler + ": " + std::strerror(errno);
+    return false;
+  }
+  const std::vector<char> block(4096, 0);
+  ssize_t written;
+  while ((written = write(fd, block.data(), block.size())) > 0) {
+  }
+  const int error = errno;
+  close(fd);
+  if (written < 0 && error == ENOSPC) return true;
+  error_ = "filling " + filler + " stopped without ENOSPC: " + std::strerror(error);
+  return false;
+}
+
+void SmallFileSystem::release() {
+  unlink((dir_ + "/.filler-attrs").c_str());
+  unlink((dir_ + "/.filler-data").c_str());
+}
+
+}  // namespace zorv_fault
