@@ -12,7 +12,6 @@
 #include "testing/test_util.h"
 
 using zorv_testing::LogCapture;
-using zorv_testing::makeDirs;
 using zorv_testing::ScopedTempDir;
 using zorv_testing::writeTextFile;
 
@@ -25,70 +24,27 @@ std::vector<std::string> records(LogCapture& capture) {
   return out;
 }
 
-std::vector<std::string> sorted(std::vector<std::string> v) {
-  std::sort(v.begin(), v.end());
-  return v;
-}
-
-// Restores an environment variable on the way out.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const std::string& value) : name_(name) {
-    const char* old = getenv(name);
-    hadValue_ = old != nullptr;
-    if (hadValue_) old_ = old;
-    setenv(name, value.c_str(), 1);
-  }
-  ~ScopedEnv() {
-    if (hadValue_)
-      setenv(name_, old_.c_str(), 1);
-    else
-      unsetenv(name_);
-  }
-  ScopedEnv(const ScopedEnv&) = delete;
-  ScopedEnv& operator=(const ScopedEnv&) = delete;
-
- private:
-  const char* name_;
-  bool hadValue_ = false;
-  std::string old_;
-};
-
 }  // namespace
 
-TEST(ContainsWildcardTest, EscapesHideOneCharacter) {
-  EXPECT_FALSE(containsWildcard(""));
-  EXPECT_FALSE(containsWildcard("/plain/path"));
+TEST(ContainsWildcardTest, AnEscapeHidesOneCharacter) {
   EXPECT_FALSE(containsWildcard("a\\*b"));
-  EXPECT_FALSE(containsWildcard("a\\[b\\]"));
-  EXPECT_FALSE(containsWildcard("trailing\\"));
+  EXPECT_FALSE(containsWildcard("a\\[b\\]trailing\\"));
   EXPECT_TRUE(containsWildcard("a]b"));
-  EXPECT_TRUE(containsWildcard("a?"));
   EXPECT_TRUE(containsWildcard("a\\\\*"));  // the backslash is escaped, the star is not
-  EXPECT_TRUE(containsWildcard("\\a*"));
 }
 
 TEST(IsPatternSafeTest, Limits) {
-  EXPECT_FALSE(isPatternSafe(""));
+  std::string twentySlashes;
+  for (int i = 0; i < 20; ++i) twentySlashes += "/d";
   EXPECT_TRUE(isPatternSafe("/" + std::string(1023, 'a')));
-  EXPECT_FALSE(isPatternSafe("/" + std::string(1024, 'a')));
-
-  EXPECT_TRUE(isPatternSafe("/" + std::string(50, '*')));
-  EXPECT_FALSE(isPatternSafe("/" + std::string(51, '*')));
-  // '?' and '[' count towards the same limit, ']' does not.
-  EXPECT_FALSE(isPatternSafe("/" + std::string(25, '?') + std::string(26, '[')));
-  EXPECT_TRUE(isPatternSafe("/" + std::string(50, '?') + std::string(10, ']')));
-
-  std::string twenty;
-  for (int i = 0; i < 20; ++i) twenty += "/d";
-  EXPECT_TRUE(isPatternSafe(twenty));
-  EXPECT_FALSE(isPatternSafe(twenty + "/"));
-
-  EXPECT_FALSE(isPatternSafe("/a/../b"));
-  EXPECT_FALSE(isPatternSafe("/a/b..c"));
-  EXPECT_FALSE(isPatternSafe("/a/./b"));
-  EXPECT_FALSE(isPatternSafe("/a//b"));
+  EXPECT_TRUE(isPatternSafe("/" + std::string(50, '?') + std::string(10, ']')));  // ']' is free
+  EXPECT_TRUE(isPatternSafe(twentySlashes));
   EXPECT_TRUE(isPatternSafe("/a/.b/*.log"));
+  for (const std::string& unsafe :
+       {std::string(), "/" + std::string(1024, 'a'), "/" + std::string(51, '*'),
+        "/" + std::string(25, '?') + std::string(26, '['), twentySlashes + "/",
+        std::string("/a/b..c"), std::string("/a/./b"), std::string("/a//b")})
+    EXPECT_FALSE(isPatternSafe(unsafe)) << unsafe;
 }
 
 TEST(WildcardMatchTest, BothNamesShareOneMatcher) {
@@ -96,24 +52,17 @@ TEST(WildcardMatchTest, BothNamesShareOneMatcher) {
     const char* pattern;
     const char* text;
     bool match;
-  };
-  const Case cases[] = {
+  } const cases[] = {
       {"", "", true},
       {"", "a", false},
-      {"*", "", true},
       {"**", "", true},
-      {"?", "", false},
       {"a*b?c", "axxbyc", true},
       {"?", "/", true},
-      {"/var/*", "/var/log/x/y", true},  // '*' crosses slashes
-      {"*ab", "aab", true},              // the remembered star backtracks
-      {"a*b*c", "abxbxc", true},
+      {"/var/*", "/var/log/x/y", true},
+      {"*ab", "aab", true},
       {"a*c", "abcd", false},
-      {"A", "a", false},
-      {"[ab]", "a", false},  // brackets are plain bytes here
-      {"[ab]", "[ab]", true},
-      {"a\\*", "a\\xyz", true},  // so is the backslash
-      {"a\\*", "a*", false},
+      {"[ab]", "a", false},  // brackets and backslashes are plain bytes here
+      {"a\\*", "a\\xyz", true},
       // Equality is tried before the star: the text's '*' is consumed as a
       // literal and no star is remembered for it.
       {"*a", "*ba", false},
@@ -125,92 +74,67 @@ TEST(WildcardMatchTest, BothNamesShareOneMatcher) {
   }
 }
 
-TEST(MatchesPattern1Test, UsesFnmatchWithoutEscapes) {
-  EXPECT_TRUE(matchesPattern1("/etc/a.conf", "/etc/[ab].conf"));
-  EXPECT_FALSE(matchesPattern1("/etc/c.conf", "/etc/[ab].conf"));
-  EXPECT_TRUE(matchesPattern1("/etc/x/y/z.conf", "/etc/*.conf"));
+TEST(MatchesPattern1Test, FnmatchWithoutEscapes) {
+  EXPECT_TRUE(matchesPattern1("/etc/x/a.conf", "/etc/*[ab].conf"));
   EXPECT_TRUE(matchesPattern1("a\\xyz", "a\\*"));
   EXPECT_FALSE(matchesPattern1("a*", "a\\*"));
 }
 
-TEST(SearchFilesByPatternTest, ExpandsExistingPaths) {
+TEST(SearchFilesByPatternTest, ExpandsTildeAndBrackets) {
   ScopedTempDir dir;
-  writeTextFile(dir / "logs/a.log", "");
-  writeTextFile(dir / "logs/b.log", "");
-  writeTextFile(dir / "logs/c.txt", "");
-  writeTextFile(dir / "logs/.hidden.log", "");
-  LogCapture capture;
-  EXPECT_EQ(sorted({dir / "logs/a.log", dir / "logs/b.log"}),
-            sorted(searchFilesByPattern(dir / "logs/*.log")));
-  EXPECT_EQ(std::vector<std::string>{dir / "logs/c.txt"},
-            searchFilesByPattern(dir / "logs/[c].txt"));
-  EXPECT_TRUE(records(capture).empty()) << capture.dump();
-}
+  for (const char* name : {"a.log", "b.log", ".hidden.log", "c.txt"}) writeTextFile(dir / name, "");
+  std::vector<std::string> logs = searchFilesByPattern(dir / "*.log");
+  std::sort(logs.begin(), logs.end());
+  EXPECT_EQ((std::vector<std::string>{dir / "a.log", dir / "b.log"}), logs);
 
-TEST(SearchFilesByPatternTest, ExpandsALeadingTilde) {
-  ScopedTempDir dir;
-  writeTextFile(dir / "note.txt", "");
-  ScopedEnv home("HOME", dir.path());
-  EXPECT_EQ(std::vector<std::string>{dir / "note.txt"}, searchFilesByPattern("~/*.txt"));
+  const char* oldHome = getenv("HOME");
+  const std::string savedHome = oldHome ? oldHome : "";
+  setenv("HOME", dir.path().c_str(), 1);
+  EXPECT_EQ(std::vector<std::string>{dir / "c.txt"}, searchFilesByPattern("~/[c].txt"));
+  if (oldHome)
+    setenv("HOME", savedHome.c_str(), 1);
+  else
+    unsetenv("HOME");
 }
 
 TEST(SearchFilesByPatternTest, FailuresLogOneLineAndGiveNothing) {
   ScopedTempDir dir;
-  {
-    LogCapture capture;
-    EXPECT_TRUE(searchFilesByPattern(dir / "*.none").empty());
-    EXPECT_EQ(std::vector<std::string>{"ERROR [searchFilesByPattern] No matches found."},
-              records(capture));
-  }
-  {
-    LogCapture capture;
-    EXPECT_TRUE(searchFilesByPattern(dir / "../*").empty());
-    EXPECT_EQ(std::vector<std::string>{"ERROR [searchFilesByPattern] Unsafe pattern detected: " +
-                                       (dir / "../*")},
-              records(capture));
-  }
+  LogCapture capture;
+  EXPECT_TRUE(searchFilesByPattern(dir / "*.none").empty());
+  EXPECT_TRUE(searchFilesByPattern(dir / "../*").empty());
+  EXPECT_EQ((std::vector<std::string>{
+                "ERROR [searchFilesByPattern] No matches found.",
+                "ERROR [searchFilesByPattern] Unsafe pattern detected: " + (dir / "../*")}),
+            records(capture));
 }
 
 TEST(GetParentDirWithoutWildcardTest, DirectoryInFrontOfTheWildcard) {
-  EXPECT_EQ("/var/log", getParentDirWithoutWildcard("/var/log/*.log"));
-  EXPECT_EQ("/var", getParentDirWithoutWildcard("/var/lo?/x"));
-  EXPECT_EQ("/", getParentDirWithoutWildcard("/*.conf"));
-  EXPECT_EQ("/", getParentDirWithoutWildcard("/a?/b*"));
-  EXPECT_EQ("a", getParentDirWithoutWildcard("a/b*"));
-  // No slash in front of the wildcard: "/" even for a relative pattern.
-  EXPECT_EQ("/", getParentDirWithoutWildcard("*.conf"));
-  EXPECT_EQ("/", getParentDirWithoutWildcard("x?/y"));
-  // Brackets are not wildcards here.
-  EXPECT_EQ("/a/[b]", getParentDirWithoutWildcard("/a/[b]/c"));
-}
-
-TEST(GetParentDirWithoutWildcardTest, PlainDirnameWithoutWildcard) {
-  EXPECT_EQ("", getParentDirWithoutWildcard(""));
-  EXPECT_EQ("/a/b", getParentDirWithoutWildcard("/a/b/c"));
-  EXPECT_EQ("/a", getParentDirWithoutWildcard("/a/b/"));
-  EXPECT_EQ("/", getParentDirWithoutWildcard("/a"));
-  EXPECT_EQ("/", getParentDirWithoutWildcard("/a/"));
-  EXPECT_EQ("", getParentDirWithoutWildcard("/"));
-  EXPECT_EQ("", getParentDirWithoutWildcard("name"));
-  EXPECT_EQ("a", getParentDirWithoutWildcard("a/b"));
+  const std::pair<const char*, const char*> cases[] = {
+      {"/var/log/*.log", "/var/log"},
+      {"/var/lo?/x", "/var"},
+      {"/*.conf", "/"},
+      {"a/b*", "a"},
+      {"/a/[b]/c", "/a/[b]"},  // brackets are no wildcards here
+      // No slash in front of the wildcard: "/" even for a relative pattern.
+      {"*.conf", "/"},
+      {"x?/y", "/"},
+      // Without a wildcard, a plain dirname.
+      {"", ""},
+      {"/a/b/", "/a"},
+      {"/a", "/"},
+      {"/", ""},
+      {"name", ""},
+  };
+  for (const auto& [pattern, parent] : cases)
+    EXPECT_EQ(parent, getParentDirWithoutWildcard(pattern)) << pattern;
 }
 
 TEST(WildcardsToRegexTest, Translation) {
   EXPECT_EQ("file(a|b)\\.[^c].*", wildcardsToRegex("file{a,b}.[!c]*"));
-  EXPECT_EQ("\\$\\^\\+\\|\\(\\)", wildcardsToRegex("$^+|()"));
-  EXPECT_EQ("a,b}", wildcardsToRegex("a,b}"));
+  EXPECT_EQ("\\$\\^\\+\\|\\(\\)a,b}", wildcardsToRegex("$^+|()a,b}"));
   // Braces do not nest: the first '}' ends the mode, the second is literal.
   EXPECT_EQ("(a|(b|c)}", wildcardsToRegex("{a,{b,c}}"));
-  EXPECT_EQ("(a|b),c", wildcardsToRegex("{a,b},c"));
-  // Inside brackets the same table applies.
   EXPECT_EQ("[.*\\.]", wildcardsToRegex("[*.]"));
-  EXPECT_EQ("[a-z]!", wildcardsToRegex("[a-z]!"));
   // A backslash copies the next byte as it is; a trailing one vanishes.
   EXPECT_EQ("*.x", wildcardsToRegex("\\*\\.x\\"));
-  EXPECT_EQ("", wildcardsToRegex(""));
-
-  // The translation is usable as a regular expression.
-  const std::regex re(wildcardsToRegex("/var/log/{syslog,messages}.?"));
-  EXPECT_TRUE(std::regex_match("/var/log/messages.1", re));
-  EXPECT_FALSE(std::regex_match("/var/log/kern.1", re));
 }
