@@ -156,7 +156,10 @@ class Publisher {
   void adoptProcess() {
     pid_t pid = ::getpid();
     if (owner_ == pid) return;
-    for (Peer& peer : peers_) peer.socket.release();
+    // Kept reachable rather than leaked, so that leak checkers do not count
+    // this deliberate abandonment against the child.
+    static auto* abandoned = new std::vector<std::unique_ptr<ZMQSocket>>();
+    for (Peer& peer : peers_) abandoned->push_back(std::move(peer.socket));
     peers_.clear();
     listed_ = false;
     owner_ = pid;
