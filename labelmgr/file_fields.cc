@@ -57,15 +57,19 @@ int setField(const char* path, int patternMatch, Field field, const uint64_t val
   }
   std::string op = std::string("set-") + fieldName(field);
   std::vector<std::string> changes;
+  LabelUndo undo;
   size_t failed = 0;
   for (const std::string& file : files) {
     if (updateLabel(
-            file, [&](Label& label) { setLabelField(label, field, value); }, op, &changes))
+            file, [&](Label& label) { setLabelField(label, field, value); }, op, &changes, &undo))
       continue;
     if (!pattern) return -1;  // nothing written: the rollback undoes the rule
     ++failed;
   }
-  if (!transaction.commit()) return -1;
+  if (!transaction.commit()) {
+    undo.rollBack();
+    return -1;
+  }
   publishChanges(changes);
   if (failed != 0) {
     // The rule stays: it governs restore and later labelling all the same.
@@ -81,7 +85,7 @@ int setField(const char* path, int patternMatch, Field field, const uint64_t val
 // Gives `field` of each file the value that policy and the remaining rules
 // decide. Files that vanished meanwhile are passed over.
 size_t relabelField(const std::vector<std::string>& files, Field field, const LabelPolicy& policy,
-                    const std::string& op, std::vector<std::string>* changes) {
+                    const std::string& op, std::vector<std::string>* changes, LabelUndo* undo) {
   size_t failed = 0;
   for (const std::string& file : files) {
     struct stat st;
@@ -89,7 +93,7 @@ size_t relabelField(const std::vector<std::string>& files, Field field, const La
     uint64_t value[3];
     getLabelField(policy.effectiveLabel(file, st), field, value);
     if (!updateLabel(
-            file, [&](Label& label) { setLabelField(label, field, value); }, op, changes))
+            file, [&](Label& label) { setLabelField(label, field, value); }, op, changes, undo))
       ++failed;
   }
   return failed;
@@ -117,10 +121,14 @@ int delField(const char* path, int patternMatch, Field field) {
   std::unique_ptr<LabelPolicy> policy = LabelPolicy::loadFor(db.get(), files);
   if (policy == nullptr) return -1;
   std::vector<std::string> changes;
+  LabelUndo undo;
   size_t failed =
-      relabelField(files, field, *policy, std::string("del-") + fieldName(field), &changes);
+      relabelField(files, field, *policy, std::string("del-") + fieldName(field), &changes, &undo);
   if (!pattern && failed != 0) return -1;
-  if (!transaction.commit()) return -1;
+  if (!transaction.commit()) {
+    undo.rollBack();
+    return -1;
+  }
   publishChanges(changes);
   if (failed != 0) {
     ZLOG_ERROR("user-set %s of %s removed, but %zu files could not be relabelled", fieldName(field),
@@ -152,9 +160,13 @@ int clearField(Field field) {
   std::unique_ptr<LabelPolicy> policy = LabelPolicy::loadFor(db.get(), files);
   if (policy == nullptr) return -1;
   std::vector<std::string> changes;
-  size_t failed =
-      relabelField(files, field, *policy, std::string("clear-") + fieldName(field), &changes);
-  if (!transaction.commit()) return -1;
+  LabelUndo undo;
+  size_t failed = relabelField(files, field, *policy, std::string("clear-") + fieldName(field),
+                               &changes, &undo);
+  if (!transaction.commit()) {
+    undo.rollBack();
+    return -1;
+  }
   publishChanges(changes);
   if (failed != 0) {
     ZLOG_ERROR("user-set %s values cleared, but %zu files could not be relabelled",

@@ -1,6 +1,9 @@
 #include "labelmgr/operation_util.h"
 
+#include <sys/xattr.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -11,14 +14,29 @@
 
 namespace zorv::labelmgr {
 
+void LabelUndo::remember(const std::string& file, bool had, const Label& earlier) {
+  entries_.push_back(Entry{file, had, earlier});
+}
+
+void LabelUndo::rollBack() {
+  for (auto entry = entries_.rbegin(); entry != entries_.rend(); ++entry) {
+    bool restored =
+        entry->had ? entry->label.setToXattr(entry->file, false) == 0
+                   : removexattr(entry->file.c_str(), "security.zorv") == 0 || errno == ENODATA;
+    if (!restored) ZLOG_ERROR("cannot put back the earlier label of %s", entry->file.c_str());
+  }
+  entries_.clear();
+}
+
 bool updateLabel(const std::string& file, const std::function<void(Label&)>& update,
-                 const std::string& op, std::vector<std::string>* changes) {
+                 const std::string& op, std::vector<std::string>* changes, LabelUndo* undo) {
   Label old;
   bool had = old.getFromXattr(file, false) == 0;
   // A failed decode may have filled some fields; never build on those.
   Label label = had ? old : Label();
   update(label);
   if (label.setToXattr(file, false) != 0) return false;
+  undo->remember(file, had, old);
   std::string text = label.toString();
   if (!had || old.toString() != text) changes->push_back("file " + op + " " + file + " " + text);
   return true;

@@ -14,15 +14,36 @@
 
 namespace zorv::labelmgr {
 
+/// The labels an operation overwrote, so that they can be put back when the
+/// state transaction that the writes belong to fails to commit: the attributes
+/// and the database must keep telling the same story.
+class LabelUndo {
+ public:
+  /// Remembers the label `file` carried (none when `had` is false).
+  void remember(const std::string& file, bool had, const Label& earlier);
+  /// Writes every remembered label back, newest first, and removes the
+  /// attribute of files that had none. Logs what it cannot put back.
+  void rollBack();
+
+ private:
+  struct Entry {
+    std::string file;
+    bool had;
+    Label label;
+  };
+  std::vector<Entry> entries_;
+};
+
 /// Reads the label of `file` (a canonical path), lets `update` change it and
 /// writes the whole label back in one attribute write. A file without a
 /// readable label starts from the zero label. When the label changed (a file
 /// that had none always counts as changed) the message
 /// "file <op> <file> <new label text>" is appended to `changes`. False when
 /// the write failed (the label model has logged why); `changes` is then
-/// untouched. The caller holds the state transaction that serialises writers.
+/// untouched. The label it replaced goes to `undo`. The caller holds the state
+/// transaction that serialises writers.
 bool updateLabel(const std::string& file, const std::function<void(Label&)>& update,
-                 const std::string& op, std::vector<std::string>* changes);
+                 const std::string& op, std::vector<std::string>* changes, LabelUndo* undo);
 
 /// Publishes each message, in order, once the change is committed.
 void publishChanges(const std::vector<std::string>& changes);

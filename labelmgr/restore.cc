@@ -33,10 +33,15 @@ std::string restoreLabel(const std::string& path, bool withRules) {
   }
   Label label = withRules ? policy->effectiveLabel(file, st) : policy->initLabel(file, st);
   std::vector<std::string> changes;
+  lm::LabelUndo undo;
   if (!lm::updateLabel(
-          file, [&](Label& current) { current = label; }, withRules ? "restore" : "init", &changes))
+          file, [&](Label& current) { current = label; }, withRules ? "restore" : "init", &changes,
+          &undo))
     return "";
-  if (!transaction.commit()) return "";
+  if (!transaction.commit()) {
+    undo.rollBack();
+    return "";
+  }
   lm::publishChanges(changes);
   return label.toString();
 }

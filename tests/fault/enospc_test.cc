@@ -192,9 +192,8 @@ TEST_F(FullStateTest, SetWithNoRoomForTheStateChangesNothing) { expectFailedSetC
 
 // While another connection keeps the database open, its log files already
 // exist: opening and beginning succeed on the full file system and only the
-// commit fails, after the label was written. Disabled until a set that fails
-// to commit puts the earlier labels back (or commits before it writes them).
-TEST_F(FullStateTest, DISABLED_SetWhoseCommitFailsChangesNothing) {
+// commit fails, after the label was written; the set must put it back.
+TEST_F(FullStateTest, SetWhoseCommitFailsChangesNothing) {
   sqlite3* reader = nullptr;
   ASSERT_EQ(sqlite3_open_v2(env_->database().c_str(), &reader, SQLITE_OPEN_READWRITE, nullptr),
             SQLITE_OK);
