@@ -1,6 +1,5 @@
 #include "common/command.h"
 
-#include <dirent.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -16,33 +15,13 @@
 
 using zorv_testing::LogCapture;
 using zorv_testing::makeDirs;
+using zorv_testing::openDescriptorCount;
 using zorv_testing::ScopedTempDir;
 using zorv_testing::writeTextFile;
 
 namespace {
 
 using Lines = std::vector<std::string>;
-
-// True when a record reads `record` once its line number is dropped:
-// "ERROR [tag:12] text" matches "ERROR [tag] text".
-bool logged(LogCapture& capture, const std::string& record) {
-  for (const std::string& line : capture.lines()) {
-    size_t close = line.find("] ");
-    size_t colon = close == std::string::npos ? close : line.rfind(':', close);
-    if (colon != std::string::npos && line.substr(0, colon) + line.substr(close) == record)
-      return true;
-  }
-  return false;
-}
-
-size_t openDescriptorCount() {
-  size_t count = 0;
-  DIR* fds = opendir("/proc/self/fd");
-  while (const dirent* entry = readdir(fds))
-    if (entry->d_name[0] != '.') ++count;
-  closedir(fds);
-  return count;
-}
 
 }  // namespace
 
@@ -51,13 +30,12 @@ TEST(ExecuteCommandTest, CollectsStandardOutputLineByLine) {
   // Arguments go through untouched after the program's own name, with the
   // caller's environment; standard error is not collected; an unterminated
   // last line still counts and a carriage return stays.
-  setenv("ZORV_COMMAND_TEST", "from parent", 1);
+  zorv_testing::ScopedEnv variable("ZORV_COMMAND_TEST", "from parent");
   EXPECT_EQ((Lines{"[from parent]", "[two words]", "[*]", "[]", "cr\r", "last"}),
             executeCommand("/bin/sh", {"-c",
                                        "printf '[%s]\\n' \"$ZORV_COMMAND_TEST\" \"$@\"; "
                                        "echo err >&2; printf 'cr\\r\\nlast'",
                                        "name", "two words", "*", ""}));
-  unsetenv("ZORV_COMMAND_TEST");
 }
 
 TEST(ExecuteCommandTest, SplitsLongLinesEvery1023Bytes) {
@@ -79,10 +57,10 @@ TEST(ExecuteCommandTest, FailuresDiscardOutputAndSayWhy) {
   EXPECT_EQ(Lines{}, executeCommand("echo", {"x"}));  // no PATH search: exec fails, exit 1
   EXPECT_EQ(Lines{}, executeCommand("/bin/sh", {"-c", "echo partial; kill -9 $$"}));
   EXPECT_EQ(Lines{}, executeCommand("", {"x"}));
-  EXPECT_TRUE(logged(capture, "ERROR [executeCommand] Command failed [2]: " + script));
-  EXPECT_TRUE(logged(capture, "ERROR [executeCommand] Command failed [1]: echo"));
-  EXPECT_TRUE(logged(capture, "ERROR [executeCommand] Command killed by signal 9: /bin/sh"));
-  EXPECT_TRUE(logged(capture, "ERROR [executeCommand] Command path is empty."));
+  EXPECT_TRUE(capture.hasRecord("ERROR [executeCommand] Command failed [2]: " + script));
+  EXPECT_TRUE(capture.hasRecord("ERROR [executeCommand] Command failed [1]: echo"));
+  EXPECT_TRUE(capture.hasRecord("ERROR [executeCommand] Command killed by signal 9: /bin/sh"));
+  EXPECT_TRUE(capture.hasRecord("ERROR [executeCommand] Command path is empty."));
   EXPECT_EQ(4u, capture.lines().size()) << capture.dump();
 }
 
@@ -122,9 +100,7 @@ TEST(CommandExistsTest, PathFieldsAndTheOwnerExecuteBit) {
     chmod((bin + "/" + name).c_str(), mode);
   }
   makeDirs(bin + "/subdir");
-  const std::string saved = getenv("PATH") ? getenv("PATH") : "";
-
-  setenv("PATH", ((dir / "none:") + bin).c_str(), 1);
+  zorv_testing::ScopedEnv path("PATH", (dir / "none:") + bin);
   EXPECT_TRUE(commandExists("tool"));
   EXPECT_TRUE(commandExists("subdir"));          // a directory counts
   EXPECT_TRUE(commandExists("subdir/../tool"));  // appended as it is
@@ -137,6 +113,4 @@ TEST(CommandExistsTest, PathFieldsAndTheOwnerExecuteBit) {
   EXPECT_FALSE(commandExists("bin"));
   unsetenv("PATH");
   EXPECT_FALSE(commandExists("sh"));
-
-  setenv("PATH", saved.c_str(), 1);
 }

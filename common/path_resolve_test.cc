@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -19,13 +18,6 @@ using zorv_testing::ScopedTempDir;
 using zorv_testing::writeTextFile;
 
 namespace {
-
-std::vector<std::string> records(LogCapture& capture) {
-  static const std::regex line(":[0-9]+\\]");
-  std::vector<std::string> out;
-  for (const std::string& r : capture.lines()) out.push_back(std::regex_replace(r, line, "]"));
-  return out;
-}
 
 // The spelling canonical() gives (TMPDIR may itself be reached through a link).
 std::string real(const std::string& path) { return fs::canonical(path).string(); }
@@ -45,7 +37,7 @@ TEST(GetRealPathTest, ResolvesExistingPathsOnly) {
   EXPECT_EQ(
       (std::vector<std::string>{"WARN [getRealPath] path is empty",
                                 "WARN [getRealPath] file is not exists, " + (dir / "dangling")}),
-      records(capture));
+      capture.records());
 }
 
 TEST(GetLinkRealPathTest, ResolvesTheDirectoryKeepsTheName) {
@@ -60,7 +52,7 @@ TEST(GetLinkRealPathTest, ResolvesTheDirectoryKeepsTheName) {
   EXPECT_EQ("", getLinkRealPath(""));
   EXPECT_EQ("", getLinkRealPath(dir / "nodir/link"));
   EXPECT_EQ(std::vector<std::string>{"WARN [getRealPath] file is not exists, " + (dir / "nodir")},
-            records(capture));
+            capture.records());
 }
 
 TEST(FindFirstValidParentDirTest, DeepestExistingDirectory) {
@@ -81,7 +73,7 @@ TEST(PathResolutionTest, FileSystemErrorsAreLoggedNotThrown) {
   LogCapture capture;
   EXPECT_EQ("", getRealPath(tooLong + "/file"));
   EXPECT_EQ("", findFirstValidParentDir(tooLong + "/*"));
-  const std::vector<std::string> lines = records(capture);
+  const std::vector<std::string> lines = capture.records();
   ASSERT_EQ(2u, lines.size()) << capture.dump();
   EXPECT_EQ(
       0u, lines[0].find("ERROR [getRealPath] Resolve realpath failed for " + tooLong + "/file: "));
@@ -145,5 +137,5 @@ TEST(IsFilesystemReadOnlyTest, WritableAndFailing) {
   EXPECT_EQ(std::vector<std::string>{"ERROR [isFilesystemReadOnly] statfs error, No such file or "
                                      "directory, " +
                                      (dir / "missing")},
-            records(capture));
+            capture.records());
 }

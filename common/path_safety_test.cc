@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -21,14 +20,6 @@ const std::string kShape = "ERROR [isFilePathSafe] FilePathCheck failed: ";
 const std::string kBytes = "ERROR [containsDangerousChars] FilePathCheck failed: ";
 const std::string kUtf8 = "ERROR [isValidUTF8] FilePathCheck failed: ";
 
-// Log records with the source line dropped: "ERROR [tag] message".
-std::vector<std::string> records(LogCapture& capture) {
-  static const std::regex line(":[0-9]+\\]");
-  std::vector<std::string> out;
-  for (const std::string& r : capture.lines()) out.push_back(std::regex_replace(r, line, "]"));
-  return out;
-}
-
 struct Case {
   std::string path;
   std::string rejection;  // the one error record expected; "" when the path passes
@@ -43,7 +34,7 @@ void expectOutcomes(const std::vector<Case>& cases) {
     const bool safe = isFilePathSafe(c.path, c.permitSymlink, c.permitWildcard, c.permitMissing);
     EXPECT_EQ(c.rejection.empty(), safe) << c.path;
     if (!c.rejection.empty()) {
-      EXPECT_EQ(std::vector<std::string>{c.rejection}, records(capture)) << c.path;
+      EXPECT_EQ(std::vector<std::string>{c.rejection}, capture.records()) << c.path;
     }
   }
 }
@@ -126,7 +117,7 @@ TEST(IsFilePathSafeTest, PermissionFlags) {
   EXPECT_EQ((std::vector<std::string>{
                 "WARN [isFilePathSafe] FilePathCheck: path contains spaces - " + (dir / "a b"),
                 "DEBUG [isFilePathSafe] FilePathCheck passed: " + (dir / "a b")}),
-            records(capture));
+            capture.records());
 }
 
 TEST(FilePredicatesTest, LookAtTheEntryItself) {

@@ -6,7 +6,6 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,8 +13,7 @@
 #include <cstring>
 #include <deque>
 #include <filesystem>
-#include <functional>
-#include <regex>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -33,36 +31,6 @@ using zorv_testing::writeTextFile;
 namespace {
 
 const std::string kTag = "ERROR [traverseDirectory] ";
-
-std::vector<std::string> records(LogCapture& capture) {
-  static const std::regex line(":[0-9]+\\]");
-  std::vector<std::string> out;
-  for (const std::string& r : capture.lines()) out.push_back(std::regex_replace(r, line, "]"));
-  return out;
-}
-
-// Root ignores permission bits, so permission failures are provoked in a
-// child that runs `body` as nobody; the text it returns comes back here.
-std::string runAsNobody(const std::function<std::string()>& body) {
-  int fds[2];
-  if (pipe(fds) != 0) return "pipe failed";
-  const pid_t pid = fork();
-  if (pid == 0) {
-    close(fds[0]);
-    std::string result = "could not drop privileges";
-    if (setgid(65534) == 0 && setuid(65534) == 0) result = body();
-    ssize_t ignored = write(fds[1], result.data(), result.size());
-    (void)ignored;
-    _exit(0);
-  }
-  close(fds[1]);
-  std::string result;
-  char buffer[4096];
-  for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) > 0;) result.append(buffer, n);
-  close(fds[0]);
-  waitpid(pid, nullptr, 0);
-  return result;
-}
 
 // The walk done the plain way, one directory at a time with opendir, readdir
 // and lstat: what traverseDirectory must list and log, line for line.
@@ -100,7 +68,7 @@ std::vector<std::string> walkAndLog(const std::string& root) {
   LogCapture capture;
   std::vector<std::string> out;
   EXPECT_EQ(0, traverseDirectory(root, out));
-  std::vector<std::string> log = records(capture);
+  std::vector<std::string> log = capture.records();
   out.insert(out.end(), log.begin(), log.end());
   return out;
 }
@@ -168,7 +136,7 @@ TEST(TraverseDirectoryTest, UnusableRoots) {
                                       kTag + "Directory does not exist: " + (dir / "missing") +
                                           ", error: No such file or directory",
                                       kTag + "Path too long: " + tooLong}),
-            records(capture));
+            capture.records());
 }
 
 TEST(TraverseDirectoryTest, UnreadableDirectoriesInWideLevels) {
@@ -184,7 +152,7 @@ TEST(TraverseDirectoryTest, UnreadableDirectoriesInWideLevels) {
     if (i % 10 == 3) chmod(d.c_str(), 0700);  // cannot be opened by others
     if (i % 7 == 1) chmod(d.c_str(), 0744);   // opened, but entries cannot be stat'ed
   }
-  const std::string out = runAsNobody(
+  const std::string out = zorv_testing::runAsNobody(
       [&] { return joinLines(walkAndLog(root)) + "=====\n" + joinLines(oneByOneWalk(root)); });
   const size_t split = out.find("=====\n");
   ASSERT_NE(std::string::npos, split) << out;
@@ -199,16 +167,12 @@ TEST(TraverseDirectoryTest, UnreadableDirectoriesInWideLevels) {
 TEST(TraverseDirectoryTest, StopsAtTheDirectoryCap) {
   // A hundred thousand directories take a minute to create and remove on a
   // disk, a second in memory: use a memory file system when there is one.
-  const char* oldTmp = getenv("TMPDIR");
-  const std::string savedTmp = oldTmp ? oldTmp : "";
   struct statfs shm {};
+  std::unique_ptr<zorv_testing::ScopedEnv> tmpdir;
   if (statfs("/dev/shm", &shm) == 0 && shm.f_type == TMPFS_MAGIC && access("/dev/shm", W_OK) == 0)
-    setenv("TMPDIR", "/dev/shm", 1);
+    tmpdir = std::make_unique<zorv_testing::ScopedEnv>("TMPDIR", "/dev/shm");
   ScopedTempDir dir;
-  if (oldTmp)
-    setenv("TMPDIR", savedTmp.c_str(), 1);
-  else
-    unsetenv("TMPDIR");
+  tmpdir.reset();
 
   // The root and 100000 subdirectories: one more than the walk may read.
   const std::string root = dir / "wide";
@@ -224,7 +188,7 @@ TEST(TraverseDirectoryTest, StopsAtTheDirectoryCap) {
   EXPECT_EQ(0, traverseDirectory(root, out));
   EXPECT_EQ(100000u, out.size());
   EXPECT_EQ(std::vector<std::string>{kTag + "Reached maximum directory limit: 100000"},
-            records(capture));
+            capture.records());
 }
 
 TEST(SortPathsTest, ExpandsStarsOnlyAndOrders) {

@@ -1,9 +1,6 @@
 #include "common/wildcard.h"
 
-#include <stdlib.h>
-
 #include <algorithm>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -14,17 +11,6 @@
 using zorv_testing::LogCapture;
 using zorv_testing::ScopedTempDir;
 using zorv_testing::writeTextFile;
-
-namespace {
-
-std::vector<std::string> records(LogCapture& capture) {
-  static const std::regex line(":[0-9]+\\]");
-  std::vector<std::string> out;
-  for (const std::string& r : capture.lines()) out.push_back(std::regex_replace(r, line, "]"));
-  return out;
-}
-
-}  // namespace
 
 TEST(ContainsWildcardTest, AnEscapeHidesOneCharacter) {
   EXPECT_FALSE(containsWildcard("a\\*b"));
@@ -87,14 +73,8 @@ TEST(SearchFilesByPatternTest, ExpandsTildeAndBrackets) {
   std::sort(logs.begin(), logs.end());
   EXPECT_EQ((std::vector<std::string>{dir / "a.log", dir / "b.log"}), logs);
 
-  const char* oldHome = getenv("HOME");
-  const std::string savedHome = oldHome ? oldHome : "";
-  setenv("HOME", dir.path().c_str(), 1);
+  zorv_testing::ScopedEnv home("HOME", dir.path());
   EXPECT_EQ(std::vector<std::string>{dir / "c.txt"}, searchFilesByPattern("~/[c].txt"));
-  if (oldHome)
-    setenv("HOME", savedHome.c_str(), 1);
-  else
-    unsetenv("HOME");
 }
 
 TEST(SearchFilesByPatternTest, FailuresLogOneLineAndGiveNothing) {
@@ -105,7 +85,7 @@ TEST(SearchFilesByPatternTest, FailuresLogOneLineAndGiveNothing) {
   EXPECT_EQ((std::vector<std::string>{
                 "ERROR [searchFilesByPattern] No matches found.",
                 "ERROR [searchFilesByPattern] Unsafe pattern detected: " + (dir / "../*")}),
-            records(capture));
+            capture.records());
 }
 
 TEST(GetParentDirWithoutWildcardTest, DirectoryInFrontOfTheWildcard) {

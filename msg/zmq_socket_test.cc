@@ -1,7 +1,5 @@
 #include "msg/zmq_socket.h"
 
-#include <dirent.h>
-
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -47,15 +45,6 @@ void connectSubscriber(ZMQSocket& publisher, ZMQSocket& subscriber, const std::s
   while (runtimeErrorOf([&] { subscriber.recv(); }).empty()) {
   }
   setReceiveTimeout(subscriber, 5000);
-}
-
-size_t openDescriptorCount() {
-  size_t count = 0;
-  DIR* fds = opendir("/proc/self/fd");
-  while (const dirent* entry = readdir(fds))
-    if (entry->d_name[0] != '.') ++count;
-  closedir(fds);
-  return count;
 }
 
 }  // namespace
@@ -113,7 +102,7 @@ TEST(ZMQSocketTest, FailuresThrowFixedMessagesAndKeepTheSocketUsable) {
 }
 
 TEST(ZMQSocketTest, ReleasesEverythingAlsoAfterAFailedConstruction) {
-  size_t before = openDescriptorCount();
+  size_t before = zorv_testing::openDescriptorCount();
   EXPECT_EQ("Failed to create ZMQ socket.",
             runtimeErrorOf([] { ZMQSocket socket(static_cast<ZMQSocket::socketType>(99)); }));
   {
@@ -123,5 +112,5 @@ TEST(ZMQSocketTest, ReleasesEverythingAlsoAfterAFailedConstruction) {
     connectSubscriber(publisher, subscriber, "ipc://" + (dir / "s"), "");
     publisher.send("left unread");
   }
-  EXPECT_EQ(before, openDescriptorCount());
+  EXPECT_EQ(before, zorv_testing::openDescriptorCount());
 }

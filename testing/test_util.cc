@@ -1,11 +1,14 @@
 #include "testing/test_util.h"
 
+#include <dirent.h>
 #include <stdlib.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 
@@ -85,6 +88,21 @@ std::vector<std::string> LogCapture::lines() {
   return seen_;
 }
 
+std::vector<std::string> LogCapture::records() {
+  static const std::regex lineNumber(":[0-9]+\\]");
+  std::vector<std::string> out;
+  for (const std::string& line : lines())
+    out.push_back(
+        std::regex_replace(line, lineNumber, "]", std::regex_constants::format_first_only));
+  return out;
+}
+
+bool LogCapture::hasRecord(const std::string& record) {
+  for (const std::string& r : records())
+    if (r == record) return true;
+  return false;
+}
+
 bool LogCapture::contains(const std::string& text) { return count(text) > 0; }
 
 size_t LogCapture::count(const std::string& text) {
@@ -106,6 +124,62 @@ int runShell(const std::string& command) {
   if (WIFEXITED(status)) return WEXITSTATUS(status);
   if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
   return status;
+}
+
+std::vector<std::string> splitLines(const std::string& text) {
+  std::vector<std::string> result;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) result.push_back(line);
+  return result;
+}
+
+size_t openDescriptorCount() {
+  size_t count = 0;
+  DIR* fds = opendir("/proc/self/fd");
+  while (const dirent* entry = readdir(fds))
+    if (entry->d_name[0] != '.') ++count;
+  closedir(fds);
+  return count;
+}
+
+std::string runAsNobody(const std::function<std::string()>& body) {
+  int fds[2];
+  if (pipe(fds) != 0) return "pipe failed";
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(fds[0]);
+    std::string result = "could not drop privileges";
+    if (setgid(65534) == 0 && setuid(65534) == 0) result = body();
+    ssize_t ignored = write(fds[1], result.data(), result.size());
+    (void)ignored;
+    _exit(0);
+  }
+  close(fds[1]);
+  std::string result;
+  char buffer[4096];
+  for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) > 0;)
+    result.append(buffer, static_cast<size_t>(n));
+  close(fds[0]);
+  waitpid(pid, nullptr, 0);
+  return result;
+}
+
+ScopedEnv::ScopedEnv(const std::string& name, const std::optional<std::string>& value)
+    : name_(name) {
+  if (const char* old = getenv(name.c_str())) saved_ = old;
+  if (value) {
+    setenv(name.c_str(), value->c_str(), 1);
+  } else {
+    unsetenv(name.c_str());
+  }
+}
+
+ScopedEnv::~ScopedEnv() {
+  if (saved_) {
+    setenv(name_.c_str(), saved_->c_str(), 1);
+  } else {
+    unsetenv(name_.c_str());
+  }
 }
 
 }  // namespace zorv_testing

@@ -3,7 +3,9 @@
 #ifndef ZORV_TESTING_TEST_UTIL_H_
 #define ZORV_TESTING_TEST_UTIL_H_
 
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -49,6 +51,10 @@ class LogCapture {
 
   /// All records so far, in order, e.g. "ERROR [isFilePathSafe:42] ...".
   std::vector<std::string> lines();
+  /// The same records with the source line dropped: "ERROR [isFilePathSafe] ...".
+  std::vector<std::string> records();
+  /// True when one of records() reads exactly `record`.
+  bool hasRecord(const std::string& record);
   /// True when a record holds `text`.
   bool contains(const std::string& text);
   /// Records that hold `text`.
@@ -64,6 +70,31 @@ class LogCapture {
 
 /// Runs `command` with /bin/sh; returns its exit status (or 128+signal).
 int runShell(const std::string& command);
+
+/// The lines of `text`, without their newlines.
+std::vector<std::string> splitLines(const std::string& text);
+
+/// How many file descriptors this process has open.
+size_t openDescriptorCount();
+
+/// Runs `body` in a forked child as uid and gid 65534 (tests run as root,
+/// which no permission bit stops) and answers the text it returned, or
+/// "could not drop privileges".
+std::string runAsNobody(const std::function<std::string()>& body);
+
+/// Sets (or, with std::nullopt, removes) one environment variable of this
+/// process and puts the old value back when it goes away.
+class ScopedEnv {
+ public:
+  ScopedEnv(const std::string& name, const std::optional<std::string>& value);
+  ~ScopedEnv();
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+ private:
+  std::string name_;
+  std::optional<std::string> saved_;
+};
 
 }  // namespace zorv_testing
 
