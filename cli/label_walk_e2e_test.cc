@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -45,14 +44,6 @@ std::string shown(const std::string& path, const std::string& label) {
 bool hasLabel(const std::string& path, bool onLink = false) {
   return (onLink ? lgetxattr(path.c_str(), "security.zorv", nullptr, 0)
                  : getxattr(path.c_str(), "security.zorv", nullptr, 0)) >= 0;
-}
-
-std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> result;
-  std::istringstream in(text);
-  std::string line;
-  while (std::getline(in, line)) result.push_back(line);
-  return result;
 }
 
 class LabelWalkE2eTest : public testing::Test {
@@ -93,7 +84,7 @@ TEST_F(LabelWalkE2eTest, RecursiveWalkVisitsParentsFirstAndNeverFollowsLinks) {
     const ToolResult r = fake_.run({"-R", "-g", "-l", root});
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.err, "");
-    const std::vector<std::string> out = lines(r.out);
+    const std::vector<std::string> out = splitLines(r.out);
     ASSERT_EQ(out.size(), paths.size() + 1) << r.out;
     EXPECT_EQ(out[0].rfind("file: " + root + " label: ", 0), 0u) << out[0];
     std::vector<std::string> seen;
@@ -147,28 +138,35 @@ TEST_F(LabelWalkE2eTest, RemovalReportsFilesWithoutALabelAndGoesOn) {
   for (const char* p : {"t", "t/sub", "t/sub/f"}) EXPECT_FALSE(hasLabel(tmp_ / p)) << p;
 }
 
+// The run happens as uid 65534, from copies of the tool and the test double in
+// the temporary tree, so that it does not depend on that user reaching the
+// build tree.
 TEST_F(LabelWalkE2eTest, AnUnreadableDirectoryIsReportedAndSkipped) {
   makeDirs(tmp_ / "t/locked");
   writeTextFile(tmp_ / "t/locked/hidden", "");
   ASSERT_EQ(chmod(tmp_.path().c_str(), 0755), 0);
   ASSERT_EQ(chmod((tmp_ / "t").c_str(), 0755), 0);
   ASSERT_EQ(chmod((tmp_ / "t/locked").c_str(), 0700), 0);
-  // The label model logs; give the unprivileged run a log it may write.
+  const std::string fakeDir = fakeLabelManagerDir();
+  const std::string tool = fakeDir.substr(0, fakeDir.rfind('/')) + "/zorv-label-manager-tool";
+  if (access(tool.c_str(), X_OK) != 0) GTEST_SKIP() << "no tool beside the test double: " << tool;
+  ASSERT_EQ(runShell("cp -a '" + fakeDir + "' '" + tool + "' '" + tmp_.path() + "'"), 0);
+  // The label model logs; the unprivileged run gets a log it may write.
   makeDirs(tmp_ / "log");
   ASSERT_EQ(chmod((tmp_ / "log").c_str(), 0777), 0);
   writeTextFile(tmp_ / "log/log.properties",
-                "log4cpp.rootCategory=DEBUG, F\n"
-                "log4cpp.appender.F=FileAppender\n"
+                "log4cpp.rootCategory=DEBUG, F\nlog4cpp.appender.F=FileAppender\n"
                 "log4cpp.appender.F.fileName=" +
-                    (tmp_ / "log/tool.log") +
-                    "\n"
-                    "log4cpp.appender.F.layout=SimpleLayout\n");
-  const ToolResult r = fake_.run({"-R", "-g", "-l", tmp_ / "t"},
-                                 {{"ZORV_LABEL_LOG_PROPERTIES", tmp_ / "log/log.properties"}},
-                                 /*asNobody=*/true);
-  EXPECT_EQ(r.out, "get file label failed, \n" + (tmp_ / "t/locked") +
-                       " opendir error: Permission denied\n");
-  EXPECT_EQ(r.status, 0);
+                    (tmp_ / "log/tool.log") + "\nlog4cpp.appender.F.layout=SimpleLayout\n");
+  const int status =
+      runShell("setpriv --reuid=65534 --regid=65534 --clear-groups env -i LD_LIBRARY_PATH='" +
+               (tmp_ / "fake") + "' ZORV_LABEL_LOG_PROPERTIES='" + (tmp_ / "log/log.properties") +
+               "' '" + (tmp_ / "zorv-label-manager-tool") + "' -R -g -l '" + (tmp_ / "t") + "' >'" +
+               (tmp_ / "out") + "' 2>'" + (tmp_ / "err") + "'");
+  EXPECT_EQ(readTextFile(tmp_ / "out"), "get file label failed, \n" + (tmp_ / "t/locked") +
+                                            " opendir error: Permission denied\n");
+  EXPECT_EQ(readTextFile(tmp_ / "err"), "");
+  EXPECT_EQ(status, 0);
 }
 
 }  // namespace

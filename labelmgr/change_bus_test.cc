@@ -83,6 +83,11 @@ int waitWithin(pid_t pid, std::chrono::milliseconds limit) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+// A close that waits for a peer that will never read hangs (ZeroMQ's default
+// linger) or at least waits out our bounded one; a prompt close takes a few
+// milliseconds. The limit leaves room for a loaded machine.
+constexpr double kPromptCloseMs = 2000;
+
 double msSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
       .count();
@@ -247,7 +252,7 @@ TEST_F(ChangeBusTest, ListenerDyingWhileConnectedIsDropped) {
   EXPECT_TRUE(fs::is_empty(labelChangeListenerDir()));
   auto start = std::chrono::steady_clock::now();
   closeLabelChangePublisher();
-  EXPECT_LT(msSince(start), 250.0) << "close waited out the linger";
+  EXPECT_LT(msSince(start), kPromptCloseMs) << "close waited for the dead listener";
 }
 
 TEST_F(ChangeBusTest, RunningPublisherReachesListenersThatSubscribeLater) {
@@ -284,7 +289,7 @@ TEST_F(ChangeBusTest, ListenerLeavingStopsDeliveryToItAndRemovesItsFiles) {
   publishLabelChange("pkg set-id a 0000000000000002");
   auto start = std::chrono::steady_clock::now();
   closeLabelChangePublisher();
-  EXPECT_LT(msSince(start), 100.0);
+  EXPECT_LT(msSince(start), kPromptCloseMs) << "close waited for the departed listener";
 }
 
 TEST_F(ChangeBusTest, ForkedChildOfAPublisherExitsWithoutHanging) {
