@@ -38,13 +38,8 @@ std::string oidOf(const std::string& path) {
   return label.oid_.toString();
 }
 
-class FullFileSystemTest : public testing::Test {
+class FullFileSystemTest : public FaultTest {
  protected:
-  void SetUp() override {
-    base_ = canonicalPath(tmp_.path());
-    env_ = std::make_unique<ToolEnvironment>(base_);
-  }
-
   // Mounts a small tmpfs on base_/`name`; an empty answer means it is there.
   std::string mountSmall(const std::string& name, const std::string& options) {
     fs_ = std::make_unique<SmallFileSystem>(base_ + "/" + name, options);
@@ -53,9 +48,6 @@ class FullFileSystemTest : public testing::Test {
 
   std::string userSet(const char* field) { return runTool({"-g", "-u", field, "--all"}).out; }
 
-  zorv_testing::ScopedTempDir tmp_;
-  std::string base_;
-  std::unique_ptr<ToolEnvironment> env_;
   std::unique_ptr<SmallFileSystem> fs_;  // unmounted before tmp_ goes
 };
 
@@ -87,7 +79,7 @@ TEST_F(FullFileSystemTest, SingleFileSetsWithNoRoomForTheAttributeChangeNothing)
   EXPECT_EQ(userSet("-o"),
             file + ", oid : 0x0000000000000001-0x0000000000000002-0x0000000000000003\n");
   EXPECT_EQ(userSet("-t"), "No tid has been set for any file.\n");
-  EXPECT_EQ(integrityCheck(env_->database()), "ok");
+  EXPECT_EQ(integrityCheck(database()), "ok");
 
   fs_->release();
   r = runTool({"-a", "-o", file, "4", "5", "6"});
@@ -111,7 +103,7 @@ TEST_F(FullFileSystemTest, PatternSetWithNoRoomLeavesEveryLabelAndARerunFinishes
   EXPECT_EQ(r.out, "set file oid error. " + pattern + "\n");
   EXPECT_EQ(r.status, 1);
   for (const std::string& file : files) ASSERT_EQ(oidOf(file), kOid123) << file;
-  EXPECT_EQ(integrityCheck(env_->database()), "ok");
+  EXPECT_EQ(integrityCheck(database()), "ok");
 
   fs_->release();
   r = runTool({"-P", "-a", "-o", pattern, "4", "5", "6"});
@@ -181,7 +173,7 @@ class FullStateTest : public FullFileSystemTest {
     fs_->release();
     EXPECT_EQ(userSet("-o"),
               file_ + ", oid : 0x0000000000000001-0x0000000000000002-0x0000000000000003\n");
-    EXPECT_EQ(integrityCheck(env_->database()), "ok");
+    EXPECT_EQ(integrityCheck(database()), "ok");
   }
 
   std::string file_;
@@ -195,7 +187,7 @@ TEST_F(FullStateTest, SetWithNoRoomForTheStateChangesNothing) { expectFailedSetC
 // commit fails, after the label was written; the set must put it back.
 TEST_F(FullStateTest, SetWhoseCommitFailsChangesNothing) {
   sqlite3* reader = nullptr;
-  ASSERT_EQ(sqlite3_open_v2(env_->database().c_str(), &reader, SQLITE_OPEN_READWRITE, nullptr),
+  ASSERT_EQ(sqlite3_open_v2(database().c_str(), &reader, SQLITE_OPEN_READWRITE, nullptr),
             SQLITE_OK);
   ASSERT_EQ(sqlite3_exec(reader, "SELECT count(*) FROM file_rule", nullptr, nullptr, nullptr),
             SQLITE_OK);

@@ -37,34 +37,10 @@ std::string canonicalPath(const std::string& path) {
   return resolved;
 }
 
-ToolEnvironment::ToolEnvironment(const std::string& base) : base_(base) {
-  zorv_testing::writeTextFile(base_ + "/dpkg/status", "");
-  zorv_testing::makeDirs(base_ + "/dpkg/info");
-  const std::vector<std::pair<std::string, std::string>> wanted = {
-      {"ZORV_LABELMGR_STATE_DIR", stateDir()},
-      {"ZORV_LABELMGR_DPKG_DIR", base_ + "/dpkg"},
-      // Without it the tool finds our library through its RUNPATH.
-      {"LD_LIBRARY_PATH", ""},
-  };
-  for (const auto& [name, value] : wanted) {
-    const char* old = getenv(name.c_str());
-    saved_.push_back(Saved{name, old != nullptr, old != nullptr ? old : ""});
-    if (value.empty()) {
-      unsetenv(name.c_str());
-    } else {
-      setenv(name.c_str(), value.c_str(), 1);
-    }
-  }
-}
-
-ToolEnvironment::~ToolEnvironment() {
-  for (const Saved& saved : saved_) {
-    if (saved.set) {
-      setenv(saved.name.c_str(), saved.value.c_str(), 1);
-    } else {
-      unsetenv(saved.name.c_str());
-    }
-  }
+std::string emptyPackageDatabase(const std::string& base) {
+  zorv_testing::writeTextFile(base + "/dpkg/status", "");
+  zorv_testing::makeDirs(base + "/dpkg/info");
+  return base + "/dpkg";
 }
 
 CutRun runAndKill(const std::vector<std::string>& args, std::chrono::milliseconds delay) {

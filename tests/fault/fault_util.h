@@ -10,7 +10,10 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "label/label.h"
+#include "testing/test_util.h"
 
 namespace zorv_fault {
 
@@ -18,28 +21,23 @@ namespace zorv_fault {
 /// label manager library records and hashes.
 std::string canonicalPath(const std::string& path);
 
-/// Points the tool at our label manager library (its RUNPATH, no
-/// LD_LIBRARY_PATH) with its state and package database under `base`, in this
-/// process's environment, which every run of the tool inherits. Restores the
-/// previous values when it goes away.
-class ToolEnvironment {
- public:
-  explicit ToolEnvironment(const std::string& base);
-  ~ToolEnvironment();
-  ToolEnvironment(const ToolEnvironment&) = delete;
-  ToolEnvironment& operator=(const ToolEnvironment&) = delete;
+/// Creates an empty package database under `base`; answers its directory.
+std::string emptyPackageDatabase(const std::string& base);
 
+/// Points the tool at our label manager library (its RUNPATH, no
+/// LD_LIBRARY_PATH) with its state and an empty package database under a
+/// canonical temporary directory, through this process's environment, which
+/// every run of the tool inherits.
+class FaultTest : public testing::Test {
+ protected:
   std::string stateDir() const { return base_ + "/state"; }
   std::string database() const { return stateDir() + "/labelmgr.db"; }
 
- private:
-  struct Saved {
-    std::string name;
-    bool set;
-    std::string value;
-  };
-  std::string base_;
-  std::vector<Saved> saved_;
+  zorv_testing::ScopedTempDir tmp_;
+  const std::string base_ = canonicalPath(tmp_.path());
+  zorv_testing::ScopedEnv stateEnv_{"ZORV_LABELMGR_STATE_DIR", stateDir()};
+  zorv_testing::ScopedEnv dpkgEnv_{"ZORV_LABELMGR_DPKG_DIR", emptyPackageDatabase(base_)};
+  zorv_testing::ScopedEnv libraryEnv_{"LD_LIBRARY_PATH", std::nullopt};
 };
 
 /// How a run that was to be cut short ended.

@@ -13,10 +13,9 @@
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
-#include <memory>
+#include <functional>
 #include <random>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -40,11 +39,23 @@ std::string hex(uint64_t value) {
   return text;
 }
 
-class KillTest : public testing::Test {
+// `count` empty files in `dir`; every seventh is executable, which gives it a
+// SID as well as an OID.
+std::vector<std::string> makeFiles(const std::string& dir, int count) {
+  std::vector<std::string> files;
+  for (int i = 0; i < count; ++i) {
+    char name[16];
+    std::snprintf(name, sizeof name, "/f%05d", i);
+    files.push_back(dir + name);
+    zorv_testing::writeTextFile(files.back(), "");
+    if (i % 7 == 0) chmod(files.back().c_str(), 0755);
+  }
+  return files;
+}
+
+class KillTest : public FaultTest {
  protected:
   void SetUp() override {
-    base_ = canonicalPath(tmp_.path());
-    env_ = std::make_unique<ToolEnvironment>(base_);
     const char* seed = getenv("ZORV_FAULT_SEED");
     seed_ = seed != nullptr ? std::strtoul(seed, nullptr, 10) : std::random_device()();
     random_.seed(seed_);
@@ -52,42 +63,52 @@ class KillTest : public testing::Test {
     RecordProperty("seed", std::to_string(seed_));
   }
 
-  // Somewhere within a run that takes `span`, start-up and exit included.
-  milliseconds randomDelay(milliseconds span) {
-    return milliseconds(std::uniform_int_distribution<long>(0, span.count())(random_));
-  }
-
-  // `count` empty files in `dir`; every seventh is executable, which gives it
-  // a SID as well as an OID.
-  static std::vector<std::string> makeFiles(const std::string& dir, int count) {
-    zorv_testing::makeDirs(dir);
-    std::vector<std::string> files;
-    for (int i = 0; i < count; ++i) {
-      char name[16];
-      std::snprintf(name, sizeof name, "/f%05d", i);
-      files.push_back(dir + name);
-      zorv_testing::writeTextFile(files.back(), "");
-      if (i % 7 == 0) chmod(files.back().c_str(), 0755);
+  // One complete run, then kRounds runs killed at random moments within the
+  // time the complete one took. Before each run `argsOf(round)` sets the scene
+  // and answers the arguments (round -1 is the complete run); after it the
+  // database must be sound and `check` (which may fail fatally) judges the
+  // files and describes them in its summary.
+  void killRounds(const char* what, const std::function<std::vector<std::string>(int)>& argsOf,
+                  const std::function<void(int round, std::string* summary)>& check) {
+    const milliseconds span = timeRun(argsOf(-1));
+    ASSERT_GT(span.count(), 0) << "the uninterrupted " << what << " failed";
+    std::string summary;
+    check(-1, &summary);
+    if (HasFatalFailure()) return;
+    int killed = 0;
+    for (int round = 0; round < kRounds; ++round) {
+      const milliseconds delay(std::uniform_int_distribution<long>(0, span.count())(random_));
+      const CutRun run = runAndKill(argsOf(round), delay);
+      SCOPED_TRACE("round " + std::to_string(round) + ", killed after " +
+                   std::to_string(delay.count()) + " ms of " + std::to_string(span.count()));
+      if (run.killed) {
+        ++killed;
+      } else {
+        ASSERT_EQ(run.status, 0);
+      }
+      ASSERT_EQ(integrityCheck(database()), "ok");
+      check(round, &summary);
+      if (HasFatalFailure()) return;
+      std::printf("round %d: %s after %lld ms; %s\n", round, run.killed ? "killed" : "finished",
+                  static_cast<long long>(delay.count()), summary.c_str());
     }
-    return files;
+    EXPECT_GT(killed, 0) << "every run ended before its kill: nothing was tested";
+    std::printf("%d of %d %s runs killed; a full run takes %lld ms\n", killed, kRounds, what,
+                static_cast<long long>(span.count()));
   }
 
   // The OID value that users set on `pattern`, 0 when none is recorded.
   static uint64_t recordedOid(const std::string& pattern) {
     const ToolResult r = runTool({"-g", "-u", "-o", "--all"});
     EXPECT_EQ(r.status, 0) << r.out;
-    std::istringstream lines(r.out);
     const std::string prefix = pattern + ", oid : 0x";
-    for (std::string line; std::getline(lines, line);) {
+    for (const std::string& line : zorv_testing::splitLines(r.out)) {
       if (line.compare(0, prefix.size(), prefix) == 0)
         return std::strtoull(line.c_str() + prefix.size(), nullptr, 16);
     }
     return 0;
   }
 
-  zorv_testing::ScopedTempDir tmp_;
-  std::string base_;
-  std::unique_ptr<ToolEnvironment> env_;
   unsigned long seed_ = 0;
   std::mt19937_64 random_;
 };
@@ -102,27 +123,16 @@ TEST_F(KillTest, PatternSetKilledMidwayLeavesWholeLabelsAndARerunFinishes) {
   auto setOid = [&](uint64_t pkg) {
     return std::vector<std::string>{"-P", "-a", "-o", pattern, hex(pkg), "2", "3"};
   };
-
-  // The first, complete run labels every file and tells how long a run takes.
-  const milliseconds span = timeRun(setOid(1));
-  ASSERT_GT(span.count(), 0) << "the uninterrupted pattern set failed";
-  std::set<uint64_t> issued{1};
+  // Every run sets a value of its own.
+  auto valueOf = [](int round) -> uint64_t { return round < 0 ? 1 : 0x100 + round; };
+  std::set<uint64_t> issued;
   uint64_t recorded = 1;
-  int killed = 0;
-
-  for (int round = 0; round < kRounds; ++round) {
-    const uint64_t value = 0x100 + round;
-    issued.insert(value);
-    const CutRun run = runAndKill(setOid(value), randomDelay(span));
-    SCOPED_TRACE("round " + std::to_string(round) + ", killed after " +
-                 std::to_string(run.delay.count()) + " ms of " + std::to_string(span.count()));
-    if (run.killed) {
-      ++killed;
-    } else {
-      ASSERT_EQ(run.status, 0);
-    }
-    ASSERT_EQ(integrityCheck(env_->database()), "ok");
-
+  auto argsOf = [&](int round) {
+    issued.insert(valueOf(round));
+    return setOid(valueOf(round));
+  };
+  killRounds("pattern set", argsOf, [&](int round, std::string* summary) {
+    const uint64_t value = valueOf(round);
     const uint64_t rule = recordedOid(pattern);
     ASSERT_TRUE(rule == recorded || rule == value) << "recorded OID package " << hex(rule);
     size_t carrying = 0;
@@ -137,19 +147,15 @@ TEST_F(KillTest, PatternSetKilledMidwayLeavesWholeLabelsAndARerunFinishes) {
     if (rule == value) {
       EXPECT_EQ(carrying, files.size()) << "the rule committed before its labels";
     }
-    std::printf("round %d: %s after %lld ms; %zu of %zu files relabelled, rule %s\n", round,
-                run.killed ? "killed" : "finished", static_cast<long long>(run.delay.count()),
-                carrying, files.size(), rule == value ? "committed" : "unchanged");
+    *summary = std::to_string(carrying) + " of " + std::to_string(files.size()) +
+               " files relabelled, rule " + (rule == value ? "committed" : "unchanged");
     recorded = rule;
-
     // The tool's own reading path agrees that every value decodes.
     const ToolResult shown = runTool({"-g", "-l", pattern}, {}, false, 120);
     EXPECT_EQ(shown.status, 0);
     EXPECT_EQ(shown.out.find("get file label failed"), std::string::npos);
-  }
-  EXPECT_GT(killed, 0) << "every run ended before its kill: nothing was tested";
-  std::printf("%d of %d pattern sets killed; a full run takes %lld ms\n", killed, kRounds,
-              static_cast<long long>(span.count()));
+  });
+  if (HasFatalFailure()) return;
 
   const ToolResult rerun = runTool(setOid(0x200), {}, false, 300);
   EXPECT_EQ(rerun.out, "set file oid success. " + pattern + "\n");
@@ -160,7 +166,7 @@ TEST_F(KillTest, PatternSetKilledMidwayLeavesWholeLabelsAndARerunFinishes) {
     ASSERT_EQ(readLabel(file, &label), LabelState::kPresent) << file;
     ASSERT_EQ(label.oid_.pkg_, 0x200u) << file;
   }
-  EXPECT_EQ(integrityCheck(env_->database()), "ok");
+  EXPECT_EQ(integrityCheck(database()), "ok");
 }
 
 // The label whole-tree labelling gives an entry no package owns: OID from the
@@ -181,57 +187,40 @@ Label policyLabel(const std::string& path) {
 // complete run verified) labels the rest.
 TEST_F(KillTest, TreeLabellingKilledMidwayLeavesWholeLabelsAndARerunFinishes) {
   const std::string root = base_ + "/tree";
-  for (int d = 0; d < 20; ++d) {
-    char name[8];
-    std::snprintf(name, sizeof name, "/d%02d", d);
-    makeFiles(root + name, kFiles / 20);
-  }
+  for (int d = 0; d < 20; ++d) makeFiles(root + "/d" + std::to_string(10 + d), kFiles / 20);
   const std::vector<std::string> entries = listTree(root);
   std::vector<std::string> expected;
   for (const std::string& entry : entries) expected.push_back(policyLabel(entry).toString());
   const std::vector<std::string> labelTree{"-a", "-s", root};
-
-  const milliseconds span = timeRun(labelTree);
-  ASSERT_GT(span.count(), 0) << "the uninterrupted labelling failed";
-  for (size_t i = 0; i < entries.size(); ++i) {
-    Label label;
-    ASSERT_EQ(readLabel(entries[i], &label), LabelState::kPresent) << entries[i];
-    ASSERT_EQ(label.toString(), expected[i]) << entries[i];
-  }
-
-  int killed = 0;
-  for (int round = 0; round < kRounds; ++round) {
-    // Every other round starts from a tree without labels; the others go on
-    // from what the killed run before them left.
-    if (round % 2 == 0) {
-      for (const std::string& entry : entries) lremovexattr(entry.c_str(), "security.zorv");
-    }
-    const CutRun run = runAndKill(labelTree, randomDelay(span));
-    SCOPED_TRACE("round " + std::to_string(round) + ", killed after " +
-                 std::to_string(run.delay.count()) + " ms of " + std::to_string(span.count()));
-    if (run.killed) {
-      ++killed;
-    } else {
-      ASSERT_EQ(run.status, 0);
-    }
-    ASSERT_EQ(integrityCheck(env_->database()), "ok");
+  // After a complete run every entry has its label, after a killed one some.
+  auto checkLabels = [&](bool complete, std::string* summary) {
     size_t labelled = 0;
     for (size_t i = 0; i < entries.size(); ++i) {
       Label label;
       const LabelState state = readLabel(entries[i], &label);
+      ASSERT_NE(state, complete ? LabelState::kAbsent : LabelState::kMalformed) << entries[i];
       ASSERT_NE(state, LabelState::kMalformed) << entries[i];
       if (state == LabelState::kPresent) {
         ASSERT_EQ(label.toString(), expected[i]) << entries[i];
         ++labelled;
       }
     }
-    std::printf("round %d: %s after %lld ms; %zu of %zu entries labelled\n", round,
-                run.killed ? "killed" : "finished", static_cast<long long>(run.delay.count()),
-                labelled, entries.size());
-  }
-  EXPECT_GT(killed, 0) << "every run ended before its kill: nothing was tested";
-  std::printf("%d of %d tree labellings killed; a full run takes %lld ms\n", killed, kRounds,
-              static_cast<long long>(span.count()));
+    *summary =
+        std::to_string(labelled) + " of " + std::to_string(entries.size()) + " entries labelled";
+  };
+
+  killRounds(
+      "tree labelling",
+      [&](int round) {
+        // Every other round starts from a tree without labels; the others go
+        // on from what the killed run before them left.
+        if (round >= 0 && round % 2 == 0) {
+          for (const std::string& entry : entries) lremovexattr(entry.c_str(), "security.zorv");
+        }
+        return labelTree;
+      },
+      [&](int round, std::string* summary) { checkLabels(round < 0, summary); });
+  if (HasFatalFailure()) return;
 
   const ToolResult rerun = runTool(labelTree, {}, false, 300);
   EXPECT_EQ(rerun.status, 0);
@@ -240,12 +229,9 @@ TEST_F(KillTest, TreeLabellingKilledMidwayLeavesWholeLabelsAndARerunFinishes) {
                             0),
             0u)
       << rerun.out;
-  for (size_t i = 0; i < entries.size(); ++i) {
-    Label label;
-    ASSERT_EQ(readLabel(entries[i], &label), LabelState::kPresent) << entries[i];
-    ASSERT_EQ(label.toString(), expected[i]) << entries[i];
-  }
-  EXPECT_EQ(integrityCheck(env_->database()), "ok");
+  std::string summary;
+  checkLabels(true, &summary);
+  EXPECT_EQ(integrityCheck(database()), "ok");
 }
 
 }  // namespace
