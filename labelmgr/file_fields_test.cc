@@ -1,6 +1,5 @@
 #include <unistd.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,84 +18,62 @@ Values idValues(const Id& id) { return {id.pkg_, id.file_, id.path_}; }
 struct FieldCase {
   const char* name;
   Values value;  // what the test sets
-  std::function<int(const char*, const Values&, int)> set;
-  std::function<int(const char*, Values*)> get;
+  int (*set)(const char*, const Values&, int);
+  int (*get)(const char*, Values*);
   int (*del)(const char*, int);
   int (*clear)();
   int (*query)(const char*, UserSetRecord**, int);
   int (*show)(UserSetRecord**);
-  std::function<Values(const Label&)> of;
+  Values (*of)(const Label&);
 };
 
 void PrintTo(const FieldCase& field, std::ostream* out) { *out << field.name; }
 
-ZORV_ID toId(const Values& v) { return ZORV_ID{v[0], v[1], v[2]}; }
+// The identifier fields and the 32-bit fields each share one calling shape.
+template <int (*Set)(const char*, int, ZORV_ID), int (*Get)(const char*, ZORV_ID*),
+          Id Label::*Member>
+struct IdField {
+  static int set(const char* p, const Values& v, int pm) { return Set(p, pm, {v[0], v[1], v[2]}); }
+  static int get(const char* p, Values* v) {
+    ZORV_ID id{};
+    const int rc = Get(p, &id);
+    *v = {id.pkg, id.file, id.path};
+    return rc;
+  }
+  static Values of(const Label& l) { return idValues(l.*Member); }
+};
+template <int (*Set)(const char*, uint32_t, int), int (*Get)(const char*, uint32_t*),
+          uint32_t Label::*Member>
+struct NumberField {
+  static int set(const char* p, const Values& v, int pm) {
+    return Set(p, static_cast<uint32_t>(v[0]), pm);
+  }
+  static int get(const char* p, Values* v) {
+    uint32_t n = 0;
+    const int rc = Get(p, &n);
+    *v = {n, 0, 0};
+    return rc;
+  }
+  static Values of(const Label& l) { return {l.*Member, 0, 0}; }
+};
+using Oid = IdField<setFileOid, getFileOid, &Label::oid_>;
+using Sid = IdField<setFileSid, getFileSid, &Label::sid_>;
+using Tid = NumberField<setFileTid, getFileTid, &Label::tid_>;
+using Flag = NumberField<setFileInheritFlag, getFileInheritFlag, &Label::inheritFlag_>;
+
+template <typename Field>
+FieldCase field(const char* name, Values value, int (*del)(const char*, int), int (*clear)(),
+                int (*query)(const char*, UserSetRecord**, int), int (*show)(UserSetRecord**)) {
+  return {name, value, Field::set, Field::get, del, clear, query, show, Field::of};
+}
 
 const FieldCase kFields[] = {
-    {"oid",
-     {0x1, 0x2, 0x3},
-     [](const char* p, const Values& v, int pm) { return setFileOid(p, pm, toId(v)); },
-     [](const char* p, Values* v) {
-       ZORV_ID id{};
-       int rc = getFileOid(p, &id);
-       *v = {id.pkg, id.file, id.path};
-       return rc;
-     },
-     delFileOid,
-     clearFileOid,
-     queryUserSetFileOid,
-     showUserSetFileOid,
-     [](const Label& l) { return idValues(l.oid_); }},
-    {"sid",
-     {0x4, 0x5, 0x6},
-     [](const char* p, const Values& v, int pm) { return setFileSid(p, pm, toId(v)); },
-     [](const char* p, Values* v) {
-       ZORV_ID id{};
-       int rc = getFileSid(p, &id);
-       *v = {id.pkg, id.file, id.path};
-       return rc;
-     },
-     delFileSid,
-     clearFileSid,
-     queryUserSetFileSid,
-     showUserSetFileSid,
-     [](const Label& l) { return idValues(l.sid_); }},
-    {"tid",
-     {0x77, 0, 0},
-     [](const char* p, const Values& v, int pm) {
-       return setFileTid(p, static_cast<uint32_t>(v[0]), pm);
-     },
-     [](const char* p, Values* v) {
-       uint32_t tid = 0;
-       int rc = getFileTid(p, &tid);
-       *v = {tid, 0, 0};
-       return rc;
-     },
-     delFileTid,
-     clearFileTid,
-     queryUserSetFileTid,
-     showUserSetFileTid,
-     [](const Label& l) {
-       return Values{l.tid_, 0, 0};
-     }},
-    {"inherit_flag",
-     {0x5, 0, 0},
-     [](const char* p, const Values& v, int pm) {
-       return setFileInheritFlag(p, static_cast<uint32_t>(v[0]), pm);
-     },
-     [](const char* p, Values* v) {
-       uint32_t flag = 0;
-       int rc = getFileInheritFlag(p, &flag);
-       *v = {flag, 0, 0};
-       return rc;
-     },
-     delFileInheritFlag,
-     clearFileInheritFlag,
-     queryUserSetFileInheritFlag,
-     showUserSetFileInheritFlag,
-     [](const Label& l) {
-       return Values{l.inheritFlag_, 0, 0};
-     }},
+    field<Oid>("oid", {1, 2, 3}, delFileOid, clearFileOid, queryUserSetFileOid, showUserSetFileOid),
+    field<Sid>("sid", {4, 5, 6}, delFileSid, clearFileSid, queryUserSetFileSid, showUserSetFileSid),
+    field<Tid>("tid", {0x77, 0, 0}, delFileTid, clearFileTid, queryUserSetFileTid,
+               showUserSetFileTid),
+    field<Flag>("inherit_flag", {5, 0, 0}, delFileInheritFlag, clearFileInheritFlag,
+                queryUserSetFileInheritFlag, showUserSetFileInheritFlag),
 };
 
 class FieldCycleTest : public LabelMgrTest, public ::testing::WithParamInterface<FieldCase> {};
@@ -120,10 +97,13 @@ TEST_P(FieldCycleTest, SetGetDeleteClear) {
     EXPECT_EQ(each.of(toolPolicy), each.of(labelOf(tool))) << each.name;
   }
 
-  Records shown = collectRecords(field.show);
-  ASSERT_EQ(1, shown.count);
-  EXPECT_EQ(tool, shown.names[0]);
-  EXPECT_EQ(field.value, shown.values[0]);
+  for (const Records& listed : {collectRecords(field.show), collectRecords([&](UserSetRecord** r) {
+                                  return field.query(tool.c_str(), r, 0);
+                                })}) {
+    ASSERT_EQ(1, listed.count);
+    EXPECT_EQ(tool, listed.names[0]);
+    EXPECT_EQ(field.value, listed.values[0]);
+  }
 
   ASSERT_EQ(0, field.del(tool.c_str(), 0));
   EXPECT_EQ(toolPolicy.toString(), labelOf(tool).toString());
