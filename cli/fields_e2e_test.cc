@@ -104,6 +104,8 @@ TEST(FieldsE2eTest, BadNumbersEndTheRunAbnormallyBeforeAnyCall) {
        "Invalid argument: stoull\n" + terminate + "'std::invalid_argument'\n  what():  stoull\n"},
       {{"-a", "-p", "vim", "10000000000000000"},
        "Out of Range error: stoull\n" + terminate + "'std::out_of_range'\n  what():  stoull\n"},
+      {{"-a", "-t", "/f", "10000000000000000"},
+       "Out of Range error: stoul\n" + terminate + "'std::out_of_range'\n  what():  stoul\n"},
       {{"-g", "-q", "vim"},
        "Invalid argument: stoull\n" + terminate + "'std::invalid_argument'\n  what():  stoull\n"},
   };

@@ -30,24 +30,6 @@ TEST(LoggerConfigTest, ExtractsAppenderFileNames) {
   EXPECT_EQ(std::set<std::string>{"/var/log/a.log"}, files);
 }
 
-TEST(LoggerConfigTest, MissingPropertiesFileIsReportedOnStderr) {
-  testing::internal::CaptureStderr();
-  EXPECT_TRUE(Logger::getLogFilePathsFromConfig("/nonexistent/zorv.properties").empty());
-  EXPECT_EQ("Failed to open config file: /nonexistent/zorv.properties\n",
-            testing::internal::GetCapturedStderr());
-}
-
-TEST(LoggerConfigTest, SetsModesAndSkipsMissingFilesQuietly) {
-  ScopedTempDir dir;
-  writeTextFile(dir / "a.log", "x");
-  testing::internal::CaptureStderr();
-  Logger::setLogFilesPermissions({dir / "a.log", dir / "missing.log"}, 0640);
-  EXPECT_EQ("", testing::internal::GetCapturedStderr());
-  struct stat st {};
-  ASSERT_EQ(0, stat((dir / "a.log").c_str(), &st));
-  EXPECT_EQ(0640u, st.st_mode & 07777);
-}
-
 TEST(LoggerTest, PrefixesTagAndLineBeforeFormatting) {
   LogCapture capture;
   Logger::getInstance().debug("walker", 10, "n=%d", 5);
