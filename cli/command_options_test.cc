@@ -1,3 +1,5 @@
+// What the parse records beyond what a run shows; the end-to-end tests check
+// operands and actions through the tool's output.
 #include "cli/command_options.h"
 
 #include <gtest/gtest.h>
@@ -26,54 +28,10 @@ class Args {
   std::vector<char*> pointers_;
 };
 
-std::vector<std::string> operands(const CommandOptions& o) {
-  return {o.argv + o.operandStart, o.argv + o.argc};
-}
-
 CommandOptions parse(Args& args) {
   CommandOptions options;
   EXPECT_FALSE(parseCommandLine(args.argc(), args.argv(), options).has_value());
   return options;
-}
-
-TEST(CommandOptionsTest, OperandsBeginAtTheLastOptionsArgument) {
-  Args showLabels{"-g", "-l", "a", "b", "c"};
-  const CommandOptions show = parse(showLabels);
-  EXPECT_EQ(show.action, Action::Get);
-  EXPECT_STREQ(show.labelPath, "a");
-  EXPECT_EQ(operands(show), (std::vector<std::string>{"a", "b", "c"}));
-
-  // Non-options are moved behind the options, so -P after the values lands at
-  // the head of the operands.
-  Args trailingFlag{"-a", "-o", "/f", "1", "2", "3", "-P"};
-  const CommandOptions set = parse(trailingFlag);
-  EXPECT_EQ(operands(set), (std::vector<std::string>{"-P", "1", "2", "3"}));
-  EXPECT_EQ(set.patternMatch, 1);
-
-  // A last option without an argument heads the list with its own word.
-  Args noArgument{"-d", "-o", "/a", "-R"};
-  EXPECT_EQ(operands(parse(noArgument)), (std::vector<std::string>{"-R"}));
-}
-
-TEST(CommandOptionsTest, LongAndShortFormsDisagreeAboutArguments) {
-  Args shortClear{"-d", "-c", "sid", "oid"};
-  const CommandOptions c = parse(shortClear);
-  EXPECT_TRUE(c.clear);
-  EXPECT_EQ(c.action, Action::Delete);
-  EXPECT_EQ(operands(c), (std::vector<std::string>{"sid", "oid"}));
-
-  Args longClear{"-d", "--clear", "sid"};
-  EXPECT_EQ(operands(parse(longClear)), (std::vector<std::string>{"--clear", "sid"}));
-
-  Args longDel{"--del", "x", "-o", "/f"};
-  const CommandOptions d = parse(longDel);
-  EXPECT_EQ(d.action, Action::Delete);
-  EXPECT_STREQ(d.oidArg, "/f");
-
-  Args longBatch{"-g", "--batch", "w"};
-  const CommandOptions b = parse(longBatch);
-  EXPECT_TRUE(b.batch);
-  EXPECT_EQ(operands(b), (std::vector<std::string>{"w"}));
 }
 
 TEST(CommandOptionsTest, FlagsAndSelectors) {

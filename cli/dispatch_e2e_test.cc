@@ -163,5 +163,34 @@ TEST(DispatchE2eTest, LastActionWinsAndIdIsIgnored) {
   EXPECT_EQ(fake.calls(), (std::vector<std::string>{"getFileOid(\"/f\")", "getFileOid(\"/f\")"}));
 }
 
+// getopt moves non-options behind the options, and the operands begin at the
+// last option's argument (or at its own word when it takes none).
+TEST(DispatchE2eTest, OperandsBeginAtTheLastOptionsArgument) {
+  FakeLabelManager fake;
+  const std::string bar = std::string(32, '=') + "\n";
+  struct Case {
+    std::vector<std::string> args;
+    std::string out;
+    std::string call;
+  } const cases[] = {
+      {{"-a", "-o", "/f", "1", "2", "3", "-P"},
+       "set file oid success. -P\n",
+       "setFileOid(\"-P\", 1, {0x1, 0x2, 0x3})"},
+      {{"-d", "-o", "/a", "-R"},
+       bar + "-R\ndelete file oid success. -R\n",
+       "delFileOid(\"-R\", 0)"},
+      // The long form takes an argument the short one does not.
+      {{"--del", "x", "-o", "/f"},
+       bar + "/f\ndelete file oid success. /f\n",
+       "delFileOid(\"/f\", 0)"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.call);
+    fake.script("");
+    expectRun(fake.run(c.args), c.out, "", 0);
+    EXPECT_EQ(fake.calls(), std::vector<std::string>{c.call});
+  }
+}
+
 }  // namespace
 }  // namespace zorv_testing
