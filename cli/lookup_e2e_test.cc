@@ -57,16 +57,13 @@ TEST(LookupE2eTest, ModuleDeviceAndPackageNameLookups) {
   fake.script(
       "getKernelModuleOid @ext4 value=abc\n"
       "getKernelModuleOid ret=-1\n"
-      "getDeviceOid value=ffffffffffffffff\n"
-      "getPkgNameById text=vim\n");
+      "getDeviceOid value=ffffffffffffffff\n");
   expectRun(fake.run({"-g", "-k", "ext4", "-e", "/dev/sda"}),
             "module Oid:0000000000000abc\ndevice Oid:ffffffffffffffff\n", 0);
   // A failed module lookup stops the chain before the device.
   expectRun(fake.run({"-g", "-k", "nope", "-e", "/dev/sda"}), "get kernel module oid error..\n", 1);
-  // -q ends the run: no module lookup after it.
-  expectRun(fake.run({"-g", "-q", "1f", "-k", "ext4"}), "pkg name: vim\n", 0);
   EXPECT_EQ(fake.calls(), (Calls{"getKernelModuleOid(\"ext4\")", "getDeviceOid(\"/dev/sda\")",
-                                 "getKernelModuleOid(\"nope\")", "getPkgNameById(0x1f)"}));
+                                 "getKernelModuleOid(\"nope\")"}));
 
   fake.script("getDeviceOid ret=-2\ngetPkgNameById null\n");
   expectRun(fake.run({"-g", "-e", "/dev/x"}), "get device oid error..\n", 1);

@@ -1,9 +1,7 @@
 // The tool against our own label manager library, on real files with real
 // attributes, with its state and a fake package database in a temporary
 // directory.
-#include <limits.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,32 +14,22 @@
 
 #include "cli/tool_runner.h"
 #include "label/label.h"
+#include "testing/own_library_test.h"
 
 namespace zorv_testing {
 namespace {
 
-class OwnLabelMgrE2eTest : public testing::Test {
+class OwnLabelMgrE2eTest : public OwnLibraryTest {
  protected:
   void SetUp() override {
-    char resolved[PATH_MAX];
-    ASSERT_NE(realpath(tmp_.path().c_str(), resolved), nullptr);
-    base_ = resolved;
-    file_ = base_ + "/files/app.conf";
     writeTextFile(file_, "x");
     writeTextFile(base_ + "/dpkg/status", "Package: vim\nStatus: install ok installed\n\n");
     writeTextFile(base_ + "/dpkg/info/vim.list", "/.\n" + base_ + "/files\n");
-    // An empty LD_LIBRARY_PATH leaves the tool with its own RUNPATH: our library.
-    env_ = {{"ZORV_LABELMGR_STATE_DIR", base_ + "/state"},
-            {"ZORV_LABELMGR_DPKG_DIR", base_ + "/dpkg"},
-            {"LD_LIBRARY_PATH", ""}};
   }
 
-  ToolResult run(const std::vector<std::string>& args) { return runTool(args, env_); }
+  static ToolResult run(const std::vector<std::string>& args) { return runTool(args); }
 
-  ScopedTempDir tmp_;
-  std::string base_;
-  std::string file_;
-  Environment env_;
+  const std::string file_ = base_ + "/files/app.conf";
 };
 
 TEST_F(OwnLabelMgrE2eTest, FieldsRestoreAndPackageIds) {
@@ -94,7 +82,7 @@ TEST_F(OwnLabelMgrE2eTest, ABadNumberWritesNothingAnywhere) {
     EXPECT_EQ(r.out, "");
   }
   EXPECT_NE(Label().getFromXattr(file_, false), 0) << "a label was written";
-  EXPECT_NE(access((base_ + "/state").c_str(), F_OK), 0) << "the state was touched";
+  EXPECT_NE(access(stateDir().c_str(), F_OK), 0) << "the state was touched";
 }
 
 TEST_F(OwnLabelMgrE2eTest, ListenerReceivesAChangeMadeByAnotherRun) {
@@ -102,7 +90,7 @@ TEST_F(OwnLabelMgrE2eTest, ListenerReceivesAChangeMadeByAnotherRun) {
   // A listener never ends by itself: it is stopped after its first line, or
   // at the time limit if nothing comes.
   std::thread listener([&] {
-    listened = runTool({"-S", "-T", "file set-oid"}, env_, false, 20, "\n");
+    listened = runTool({"-S", "-T", "file set-oid"}, {}, false, 20, "\n");
   });
   // Publish once the listener's endpoint exists; a change published before
   // the subscription is not promised to anyone.

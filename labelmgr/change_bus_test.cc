@@ -116,15 +116,14 @@ class ChangeBusTest : public ::testing::Test {
     ASSERT_FALSE(kRanAsPublisher);
     // A lost message blocks a receive for ever; end the program instead.
     alarm(30);
-    setenv("ZORV_LABELMGR_STATE_DIR", (tmp_ / "state").c_str(), 1);
   }
   void TearDown() override {
     closeLabelChangePublisher();
     alarm(0);
-    unsetenv("ZORV_LABELMGR_STATE_DIR");
   }
 
   ScopedTempDir tmp_;
+  zorv_testing::ScopedEnv stateDir_{"ZORV_LABELMGR_STATE_DIR", tmp_ / "state"};
 };
 
 TEST_F(ChangeBusTest, ListenersGetExactlyTheirTopicsFromConcurrentPublishers) {
@@ -319,7 +318,7 @@ TEST_F(ChangeBusTest, RefusesWhatCannotWork) {
 
   // Unix socket paths are short; a state directory too deep for one is refused.
   std::string deep = tmp_.path() + "/" + std::string(100, 'd');
-  setenv("ZORV_LABELMGR_STATE_DIR", deep.c_str(), 1);
+  zorv_testing::ScopedEnv deepState("ZORV_LABELMGR_STATE_DIR", deep);
   zorv_testing::LogCapture log;
   EXPECT_EQ(-1, subscribeLabelChangeMsg(newSubscriber().get(), "file"));
   EXPECT_TRUE(log.contains("label change endpoint path too long")) << log.dump();

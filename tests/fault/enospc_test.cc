@@ -38,7 +38,7 @@ std::string oidOf(const std::string& path) {
   return label.oid_.toString();
 }
 
-class FullFileSystemTest : public FaultTest {
+class FullFileSystemTest : public zorv_testing::OwnLibraryTest {
  protected:
   // Mounts a small tmpfs on base_/`name`; an empty answer means it is there.
   std::string mountSmall(const std::string& name, const std::string& options) {

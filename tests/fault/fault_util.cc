@@ -1,7 +1,6 @@
 #include "tests/fault/fault_util.h"
 
 #include <fcntl.h>
-#include <limits.h>
 #include <sched.h>
 #include <signal.h>
 #include <sqlite3.h>
@@ -30,18 +29,6 @@ namespace {
 constexpr char kAttribute[] = "security.zorv";
 
 }  // namespace
-
-std::string canonicalPath(const std::string& path) {
-  char resolved[PATH_MAX];
-  if (realpath(path.c_str(), resolved) == nullptr) return path;
-  return resolved;
-}
-
-std::string emptyPackageDatabase(const std::string& base) {
-  zorv_testing::writeTextFile(base + "/dpkg/status", "");
-  zorv_testing::makeDirs(base + "/dpkg/info");
-  return base + "/dpkg";
-}
 
 CutRun runAndKill(const std::vector<std::string>& args, std::chrono::milliseconds delay) {
   std::vector<std::string> texts{"zorv-label-manager-tool"};

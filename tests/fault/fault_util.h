@@ -10,35 +10,10 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "label/label.h"
-#include "testing/test_util.h"
+#include "testing/own_library_test.h"
 
 namespace zorv_fault {
-
-/// Turns a temporary directory into its canonical form, which is what the
-/// label manager library records and hashes.
-std::string canonicalPath(const std::string& path);
-
-/// Creates an empty package database under `base`; answers its directory.
-std::string emptyPackageDatabase(const std::string& base);
-
-/// Points the tool at our label manager library (its RUNPATH, no
-/// LD_LIBRARY_PATH) with its state and an empty package database under a
-/// canonical temporary directory, through this process's environment, which
-/// every run of the tool inherits.
-class FaultTest : public testing::Test {
- protected:
-  std::string stateDir() const { return base_ + "/state"; }
-  std::string database() const { return stateDir() + "/labelmgr.db"; }
-
-  zorv_testing::ScopedTempDir tmp_;
-  const std::string base_ = canonicalPath(tmp_.path());
-  zorv_testing::ScopedEnv stateEnv_{"ZORV_LABELMGR_STATE_DIR", stateDir()};
-  zorv_testing::ScopedEnv dpkgEnv_{"ZORV_LABELMGR_DPKG_DIR", emptyPackageDatabase(base_)};
-  zorv_testing::ScopedEnv libraryEnv_{"LD_LIBRARY_PATH", std::nullopt};
-};
 
 /// How a run that was to be cut short ended.
 struct CutRun {

@@ -53,7 +53,7 @@ std::vector<std::string> makeFiles(const std::string& dir, int count) {
   return files;
 }
 
-class KillTest : public FaultTest {
+class KillTest : public zorv_testing::OwnLibraryTest {
  protected:
   void SetUp() override {
     const char* seed = getenv("ZORV_FAULT_SEED");
