@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "label/label_error.h"
-#include "label/log_record_test_internal.h"
+#include "testing/test_util.h"
 
 namespace {
 
@@ -26,16 +26,15 @@ TEST(IdTest, RejectedTextsGiveZeroAndSayWhy) {
   LogCapture capture;
   EXPECT_EQ(kZeroText, Id::fromString(kZeroText.substr(1)).toString());
   EXPECT_EQ(kZeroText, Id::fromString(kZeroText + "0").toString());
-  EXPECT_EQ(1u, countRecords(capture, "ERROR", "fromString", "Invalid ID string length: 49"));
-  EXPECT_EQ(1u, countRecords(capture, "ERROR", "fromString", "Invalid ID string length: 51"));
+  EXPECT_EQ(1u, capture.countRecord("ERROR [fromString] Invalid ID string length: 49"));
+  EXPECT_EQ(1u, capture.countRecord("ERROR [fromString] Invalid ID string length: 51"));
   for (const char* text : {"0000000000000001+0000000000000002-0000000000000003",
                            "0000000000000001-0000000000000002:0000000000000003",
                            "0000000000000001-0000000000000002-000000000000003 ",  // trailing blank
                            "10000000000000000-0000000000000002-000000000000003"}) {  // > 64 bits
     EXPECT_EQ(0u, Id::fromString(text).file_) << text;
   }
-  EXPECT_EQ(
-      4u, countRecords(capture, "ERROR", "fromString", "Invalid ID format (expect pkg-file-path)"));
+  EXPECT_EQ(4u, capture.countRecord("ERROR [fromString] Invalid ID format (expect pkg-file-path)"));
 }
 
 TEST(IdTest, CompactBytesDropZeroFileAndPath) {
@@ -58,8 +57,8 @@ TEST(IdTest, CompactBytesDropZeroFileAndPath) {
     EXPECT_EQ(3, e.code);
     EXPECT_STREQ("Buffer size is insufficient for ID serialization", e.what());
   }
-  EXPECT_EQ(1u, countRecords(capture, "ERROR", "toBytes",
-                             "toBytes: buffer too small, required: 16, actual: 15"));
+  EXPECT_EQ(1u, capture.countRecord(
+                    "ERROR [toBytes] toBytes: buffer too small, required: 16, actual: 15"));
 }
 
 TEST(IdTest, FromBytesReadsTheUncompactedLayout) {

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "label/label.h"
-#include "label/log_record_test_internal.h"
+#include "testing/test_util.h"
 
 namespace {
 
@@ -56,13 +56,13 @@ TEST(LabelCodecTest, SmallestAndLargestForms) {
                       "5756555453525150 6766656463626160 7776757473727170 8786858483828180 "
                       "9796959493929190 78563412 07000000 ff"),
             hex(bytes));
-  EXPECT_EQ(1u, countRecords(capture, "DEBUG", "serializeToBuffer", "Serialized tid_: 78563412"));
-  EXPECT_EQ(1u, countRecords(capture, "DEBUG", "serializeToBuffer", "Serialized state: ff"));
+  EXPECT_EQ(1u, capture.countRecord("DEBUG [serializeToBuffer] Serialized tid_: 78563412"));
+  EXPECT_EQ(1u, capture.countRecord("DEBUG [serializeToBuffer] Serialized state: ff"));
   Label().deserializeFromBuffer(bytes.data(), bytes.size());
-  EXPECT_EQ(1u, countRecords(capture, "DEBUG", "deserializeFromBuffer",
-                             "Label deserialization: state: ff"));
-  EXPECT_EQ(1u, countRecords(capture, "DEBUG", "deserializeFromBuffer",
-                             "Label deserialization: tid: 12345678"));
+  EXPECT_EQ(1u,
+            capture.countRecord("DEBUG [deserializeFromBuffer] Label deserialization: state: ff"));
+  EXPECT_EQ(1u, capture.countRecord(
+                    "DEBUG [deserializeFromBuffer] Label deserialization: tid: 12345678"));
 }
 
 TEST(LabelCodecTest, PathWithoutFileFollowsThePackage) {
@@ -79,10 +79,11 @@ TEST(LabelCodecTest, SerializeRefusesShortOrNullBuffers) {
   LogCapture capture;
   EXPECT_EQ(0u, everything().serializeToBuffer(buffer.data(), buffer.size()));
   EXPECT_EQ(std::vector<unsigned char>(80, 0xee), buffer);
-  EXPECT_EQ(1u, countRecords(capture, "ERROR", "serializeToBuffer",
-                             "Buffer size is insufficient. Required: 81, provided: 80"));
+  EXPECT_EQ(
+      1u, capture.countRecord(
+              "ERROR [serializeToBuffer] Buffer size is insufficient. Required: 81, provided: 80"));
   EXPECT_EQ(0u, everything().serializeToBuffer(nullptr, 81));
-  EXPECT_EQ(1u, countRecords(capture, "ERROR", "serializeToBuffer", "Buffer pointer is null"));
+  EXPECT_EQ(1u, capture.countRecord("ERROR [serializeToBuffer] Buffer pointer is null"));
 }
 
 TEST(LabelCodecTest, DecodingFillsOnlyThePresentFields) {

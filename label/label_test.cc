@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "label/log_record_test_internal.h"
+#include "testing/test_util.h"
 
 namespace {
 
@@ -36,8 +36,8 @@ TEST(LabelTextTest, BadIdentifierZeroesOnlyThatIdentifier) {
   EXPECT_EQ(kZero, label.creatorOid_.toString());  // ran on to the end of the line
   EXPECT_EQ(kSid, label.sid_.toString());
   EXPECT_EQ(12u, label.tid_);
-  EXPECT_EQ(1u, countRecords(capture, "ERROR", "fromString", "Invalid ID string length: 49"));
-  EXPECT_EQ(1u, countRecords(capture, "ERROR", "fromString", "Invalid ID string length: 56"));
+  EXPECT_EQ(1u, capture.countRecord("ERROR [fromString] Invalid ID string length: 49"));
+  EXPECT_EQ(1u, capture.countRecord("ERROR [fromString] Invalid ID string length: 56"));
   EXPECT_EQ(0u, capture.count("label deserialization failed"));
 
   // A newline ends the creator; what follows is ignored.
@@ -65,8 +65,8 @@ TEST(LabelTextTest, FailuresGiveAllZeroAndOneErrorLine) {
   for (const auto& c : cases) {
     LogCapture capture;
     EXPECT_TRUE(isZero(Label::fromString(c.text))) << c.text;
-    EXPECT_EQ(1u, countRecords(capture, "ERROR", "fromString",
-                               "label deserialization failed: " + c.reason))
+    EXPECT_EQ(1u,
+              capture.countRecord("ERROR [fromString] label deserialization failed: " + c.reason))
         << c.text << "\n"
         << capture.dump();
   }

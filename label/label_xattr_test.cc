@@ -7,7 +7,7 @@
 #include <filesystem>
 
 #include "label/label.h"
-#include "label/log_record_test_internal.h"
+#include "testing/test_util.h"
 
 namespace {
 
@@ -62,19 +62,21 @@ TEST(LabelXattrTest, MissingValueIsQuietBadValuesAndMissingFilesAreErrors) {
       (std::vector<std::string>{"DEBUG [getFromXattr] Extended attribute not found: " + plain}),
       capture.records());
   EXPECT_EQ(-1, Label().getFromXattr(empty, false));
-  EXPECT_EQ(1u, countRecords(capture, "ERROR", "getFromXattr",
-                             "LabelError: Extended attribute is empty: security.zorv: " + empty));
+  EXPECT_EQ(
+      1u,
+      capture.countRecord(
+          "ERROR [getFromXattr] LabelError: Extended attribute is empty: security.zorv: " + empty));
   EXPECT_EQ(-1, Label().getFromXattr(tenBytes, false));
-  EXPECT_EQ(1u, countRecords(capture, "ERROR", "getFromXattr",
-                             "LabelError: Label deserialization failed: Buffer size is invalid: " +
-                                 tenBytes));
+  EXPECT_EQ(1u, capture.countRecord("ERROR [getFromXattr] LabelError: Label deserialization "
+                                    "failed: Buffer size is invalid: " +
+                                    tenBytes));
   // Existence is judged through the link even when the link itself is meant.
   EXPECT_EQ(-1, Label().getFromXattr(dangling, true));
   EXPECT_EQ(-1, sample().setToXattr(dangling, true));
-  EXPECT_EQ(1u, countRecords(capture, "ERROR", "getFromXattr",
-                             "LabelError: File does not exist: : " + dangling));
-  EXPECT_EQ(1u, countRecords(capture, "ERROR", "setToXattr",
-                             "LabelError: File does not exist: : " + dangling));
+  EXPECT_EQ(1u, capture.countRecord("ERROR [getFromXattr] LabelError: File does not exist: : " +
+                                    dangling));
+  EXPECT_EQ(
+      1u, capture.countRecord("ERROR [setToXattr] LabelError: File does not exist: : " + dangling));
 }
 
 TEST(LabelXattrTest, SetOnFileSystemWithoutAttributes) {
@@ -86,10 +88,11 @@ TEST(LabelXattrTest, SetOnFileSystemWithoutAttributes) {
     GTEST_SKIP() << file << " does not refuse extended attributes here";
   LogCapture capture;
   EXPECT_EQ(-1, sample().setToXattr(file, false));
-  EXPECT_EQ(1u, countRecords(capture, "DEBUG", "setToXattr", "setxattr: -1, path: " + file));
-  EXPECT_EQ(1u,
-            countRecords(capture, "ERROR", "setToXattr",
-                         "LabelError: Filesystem does not support extended attributes: : " + file));
+  EXPECT_EQ(1u, capture.countRecord("DEBUG [setToXattr] setxattr: -1, path: " + file));
+  EXPECT_EQ(
+      1u, capture.countRecord(
+              "ERROR [setToXattr] LabelError: Filesystem does not support extended attributes: : " +
+              file));
 }
 
 TEST(LabelXattrTest, UnsearchableDirectoryIsOtherFailure) {

@@ -97,10 +97,11 @@ std::vector<std::string> LogCapture::records() {
   return out;
 }
 
-bool LogCapture::hasRecord(const std::string& record) {
+size_t LogCapture::countRecord(const std::string& record) {
+  size_t n = 0;
   for (const std::string& r : records())
-    if (r == record) return true;
-  return false;
+    if (r == record) ++n;
+  return n;
 }
 
 bool LogCapture::contains(const std::string& text) { return count(text) > 0; }

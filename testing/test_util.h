@@ -53,8 +53,9 @@ class LogCapture {
   std::vector<std::string> lines();
   /// The same records with the source line dropped: "ERROR [isFilePathSafe] ...".
   std::vector<std::string> records();
-  /// True when one of records() reads exactly `record`.
-  bool hasRecord(const std::string& record);
+  /// How many of records() read exactly `record`.
+  size_t countRecord(const std::string& record);
+  bool hasRecord(const std::string& record) { return countRecord(record) > 0; }
   /// True when a record holds `text`.
   bool contains(const std::string& text);
   /// Records that hold `text`.
