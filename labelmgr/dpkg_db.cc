@@ -1,9 +1,11 @@
 #include "labelmgr/dpkg_db.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -105,48 +107,53 @@ class DirResolver {
   std::unordered_map<std::string, std::string> cache_;
 };
 
-// The whole file, or "" when it cannot be read.
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary | std::ios::ate);
-  if (!in) return "";
-  std::string content(static_cast<size_t>(in.tellg()), '\0');
-  in.seekg(0);
-  in.read(content.data(), static_cast<std::streamsize>(content.size()));
-  content.resize(static_cast<size_t>(in.gcount()));
-  return content;
+// Reads `path` whole into `content`; false when it cannot be read.
+bool readList(const std::string& path, std::string* content) {
+  content->clear();
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  struct stat st;
+  size_t size = fstat(fd, &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
+  content->resize(size + 1);  // one more byte shows the end without another read()
+  size_t used = 0;
+  for (;;) {
+    if (used == content->size()) content->resize(2 * content->size());
+    ssize_t n = read(fd, content->data() + used, content->size() - used);
+    if (n <= 0) {
+      close(fd);
+      content->resize(used);
+      return n == 0;
+    }
+    used += static_cast<size_t>(n);
+  }
 }
 
-}  // namespace
+struct ListFile {
+  std::string name;  // within the info directory
+  uint32_t owner;
+};
 
-void OwnershipIndex::load(const std::string& dpkgDir, const std::vector<std::string>& packages,
-                          const std::unordered_set<std::string>* only, const std::string* under) {
-  owners_.clear();
-  // With a short list of wanted paths, most listed lines are passed over on
-  // their last name alone, before any directory is resolved.
-  std::unordered_set<std::string_view> wantedNames;
-  if (only != nullptr) {
-    for (const std::string& path : *only)
-      wantedNames.insert(std::string_view(path).substr(path.rfind('/') + 1));
-  }
-  std::string infoDir = dpkgDir + "/info";
-  std::unique_ptr<DIR, DirCloser> dir(opendir(infoDir.c_str()));
-  if (!dir) {
-    ZLOG_DEBUG("no dpkg file lists in %s", infoDir.c_str());
-    return;
-  }
-  if (only == nullptr) owners_.reserve(1 << 17);
-  DirResolver dirs;
-  std::string key, lastDir;
-  const std::string* lastReal = nullptr;
-  while (struct dirent* entry = readdir(dir.get())) {
-    std::string file = entry->d_name;
-    if (file.size() <= 5 || file.compare(file.size() - 5, 5, ".list") != 0) continue;
-    std::string name = file.substr(0, std::min(file.size() - 5, file.find(':')));
-    auto it = std::lower_bound(packages.begin(), packages.end(), name);
-    if (it == packages.end() || *it != name) continue;
-    uint32_t owner = static_cast<uint32_t>(it - packages.begin());
+// Which listed paths are kept, and how each is keyed.
+struct ListFilter {
+  const std::unordered_set<std::string>* only = nullptr;
+  std::unordered_set<std::string_view> wantedNames;  // last names of `only`
+  const std::string* under = nullptr;
+  std::string_view underParent;  // directory holding `under` ("" when under is "/")
+  std::string_view underName;    // and its last name
+};
 
-    std::string list = slurp(infoDir + "/" + file);
+// Reads file lists one after another into one index.
+class ListReader {
+ public:
+  explicit ListReader(const ListFilter& filter) : filter_(filter) {}
+
+  void read(const std::string& path, uint32_t owner) {
+    if (!readList(path, &list_)) return;
+    const std::string& list = list_;
+    // Lines of one list come grouped by directory: the directory is resolved,
+    // and judged against `under`, only when it changes.
+    lastDir_.clear();
+    lastReal_ = nullptr;
     for (size_t begin = 0, end; begin < list.size(); begin = end + 1) {
       end = list.find('\n', begin);
       if (end == std::string::npos) end = list.size();
@@ -156,28 +163,91 @@ void OwnershipIndex::load(const std::string& dpkgDir, const std::vector<std::str
       if (last - begin < 2 || list[begin] != '/' || (last - begin == 2 && list[begin + 1] == '.'))
         continue;
       size_t slash = list.rfind('/', last - 1);
-      if (only != nullptr &&
-          wantedNames.count(std::string_view(list).substr(slash + 1, last - slash - 1)) == 0)
-        continue;
-      // Lines of one list come grouped by directory: ask the resolver only
-      // when the directory changes.
+      std::string_view name(list.data() + slash + 1, last - slash - 1);
+      if (filter_.only != nullptr && filter_.wantedNames.count(name) == 0) continue;
       std::string_view listedDir(list.data() + begin, slash == begin ? 1 : slash - begin);
-      if (listedDir != lastDir) {
-        lastDir.assign(listedDir);
-        lastReal = &dirs.resolve(lastDir);
+      if (lastReal_ == nullptr || listedDir != lastDir_) {
+        lastDir_.assign(listedDir);
+        lastReal_ = &dirs_.resolve(lastDir_);
+        reach_ = reachOf(*lastReal_);
       }
-      const std::string& real = *lastReal;
-      key.assign(real == "/" ? "" : real);
-      key.append(list, slash, last - slash);
-      if (only != nullptr && only->count(key) == 0) continue;
-      if (under != nullptr &&
-          !(key.compare(0, under->size(), *under) == 0 &&
-            (key.size() == under->size() || key[under->size()] == '/' || *under == "/")))
+      if (reach_ == Reach::kNone || (reach_ == Reach::kUnderItself && name != filter_.underName))
         continue;
-      auto [slot, inserted] = owners_.emplace(key, owner);
-      if (!inserted && slot->second != owner) slot->second = kShared;
+      const std::string& real = *lastReal_;
+      key_.assign(real == "/" ? "" : real);
+      key_.append(list, slash, last - slash);
+      if (filter_.only != nullptr && filter_.only->count(key_) == 0) continue;
+      auto [slot, inserted] = owners.emplace(key_, owner);
+      if (!inserted && slot->second != owner) slot->second = OwnershipIndex::kShared;
     }
   }
+
+  std::unordered_map<std::string, uint32_t> owners;
+
+ private:
+  // Which of the names in the canonical directory `real` can lie inside
+  // `under` (the directory itself included).
+  enum class Reach { kAll, kUnderItself, kNone };
+  Reach reachOf(const std::string& real) const {
+    if (filter_.under == nullptr) return Reach::kAll;
+    const std::string& under = *filter_.under;
+    if (under == "/") return Reach::kAll;
+    if (real.compare(0, under.size(), under) == 0 &&
+        (real.size() == under.size() || real[under.size()] == '/'))
+      return Reach::kAll;
+    return real == filter_.underParent ? Reach::kUnderItself : Reach::kNone;
+  }
+
+  const ListFilter& filter_;
+  DirResolver dirs_;
+  std::string list_, lastDir_, key_;
+  const std::string* lastReal_ = nullptr;
+  Reach reach_ = Reach::kAll;
+};
+
+}  // namespace
+
+void OwnershipIndex::load(const std::string& dpkgDir, const std::vector<std::string>& packages,
+                          const std::unordered_set<std::string>* only, const std::string* under) {
+  owners_.clear();
+  ListFilter filter;
+  // With a short list of wanted paths, most listed lines are passed over on
+  // their last name alone, before any directory is resolved.
+  filter.only = only;
+  if (only != nullptr) {
+    for (const std::string& path : *only)
+      filter.wantedNames.insert(std::string_view(path).substr(path.rfind('/') + 1));
+  }
+  filter.under = under;
+  if (under != nullptr && *under != "/") {
+    size_t slash = under->rfind('/');
+    filter.underParent =
+        slash == 0 ? std::string_view("/") : std::string_view(*under).substr(0, slash);
+    filter.underName = std::string_view(*under).substr(slash + 1);
+  }
+
+  std::string infoDir = dpkgDir + "/info";
+  std::vector<ListFile> lists;
+  {
+    std::unique_ptr<DIR, DirCloser> dir(opendir(infoDir.c_str()));
+    if (!dir) {
+      ZLOG_DEBUG("no dpkg file lists in %s", infoDir.c_str());
+      return;
+    }
+    while (struct dirent* entry = readdir(dir.get())) {
+      std::string_view file = entry->d_name;
+      if (file.size() <= 5 || file.substr(file.size() - 5) != ".list") continue;
+      std::string name(file.substr(0, std::min(file.size() - 5, file.find(':'))));
+      auto it = std::lower_bound(packages.begin(), packages.end(), name);
+      if (it == packages.end() || *it != name) continue;
+      lists.push_back(ListFile{std::string(file), static_cast<uint32_t>(it - packages.begin())});
+    }
+  }
+
+  ListReader reader(filter);
+  if (only == nullptr) reader.owners.reserve(1 << 17);
+  for (const ListFile& list : lists) reader.read(infoDir + "/" + list.name, list.owner);
+  owners_ = std::move(reader.owners);
   ZLOG_DEBUG("dpkg file lists: %zu paths of %zu packages", owners_.size(), packages.size());
 }
 

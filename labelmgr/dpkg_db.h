@@ -43,8 +43,10 @@ class OwnershipIndex {
 
   size_t size() const { return owners_.size(); }
 
- private:
+  /// Marks a path listed by more than one package (while loading).
   static constexpr uint32_t kShared = UINT32_MAX - 1;
+
+ private:
   std::unordered_map<std::string, uint32_t> owners_;
 };
 

@@ -46,8 +46,7 @@ Id LabelPolicy::policyOid(const std::string& canonicalPath) const {
 Label LabelPolicy::initLabel(const std::string& canonicalPath, const struct stat& st) const {
   Label label;
   label.oid_ = policyOid(canonicalPath);
-  if (S_ISREG(st.st_mode) && (st.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) != 0)
-    label.sid_ = label.oid_;
+  if (carriesSid(st.st_mode)) label.sid_ = label.oid_;
   return label;
 }
 

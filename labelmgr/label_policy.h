@@ -60,6 +60,10 @@ class LabelPolicy {
   /// initLabel() with the user-set rules applied.
   Label effectiveLabel(const std::string& canonicalPath, const struct stat& st) const;
 
+  /// Whether initLabel() gives a file of mode `a` the same label as one of
+  /// mode `b` at the same path.
+  static bool sameInitLabel(mode_t a, mode_t b) { return carriesSid(a) == carriesSid(b); }
+
   /// The policy OID alone (no stat needed): what initLabel() puts in oid_.
   Id policyOid(const std::string& canonicalPath) const;
 
@@ -67,6 +71,9 @@ class LabelPolicy {
   const RuleSet& rules() const { return rules_; }
 
  private:
+  static bool carriesSid(mode_t mode) {
+    return S_ISREG(mode) && (mode & (S_IXUSR | S_IXGRP | S_IXOTH)) != 0;
+  }
   explicit LabelPolicy(std::vector<FileRule> rules) : rules_(std::move(rules)) {}
   static std::unique_ptr<LabelPolicy> load(StateDb* db, const std::unordered_set<std::string>* only,
                                            const std::string* under = nullptr);

@@ -22,6 +22,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <string_view>
 #include <thread>
 #include <unordered_set>
 #include <utility>
@@ -131,6 +132,7 @@ struct Item {
   DirRef dir;  // the directory `path` is taken relative to; null: `path` is used whole
   std::string path;
   uint32_t nameOffset = 0;
+  unsigned char type = DT_UNKNOWN;  // as the directory listing gave it
   bool hasStat = false;
   bool linkResolved = false;  // a hard link already chosen as its inode's one name
   EntryStat stat;
@@ -238,11 +240,71 @@ struct WorkerState {
   unsigned readFirst = 0;
 };
 
+// Undoes the octal escapes (\040 for a blank and so on) of /proc mount tables.
+std::string unescapeMountField(std::string_view field) {
+  std::string text;
+  for (size_t i = 0; i < field.size(); ++i) {
+    if (field[i] == '\\' && i + 3 < field.size() && field[i + 1] >= '0' && field[i + 1] <= '3' &&
+        field[i + 2] >= '0' && field[i + 2] <= '7' && field[i + 3] >= '0' && field[i + 3] <= '7') {
+      text += static_cast<char>((field[i + 1] - '0') * 64 + (field[i + 2] - '0') * 8 +
+                                (field[i + 3] - '0'));
+      i += 3;
+    } else {
+      text += field[i];
+    }
+  }
+  return text;
+}
+
+// /proc files report no size: read until the end.
+bool readWholeFile(const char* path, std::string* content) {
+  int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  char buffer[16384];
+  ssize_t n;
+  while ((n = ::read(fd, buffer, sizeof buffer)) > 0)
+    content->append(buffer, static_cast<size_t>(n));
+  ::close(fd);
+  return n == 0;
+}
+
+// The mount points strictly inside `root`, from this process's mount table.
+// False when the table cannot be read.
+bool mountPointsUnder(const std::string& root, std::unordered_set<std::string>* points) {
+  std::string table;
+  if (!readWholeFile("/proc/self/mountinfo", &table)) return false;
+  std::string prefix = root == "/" ? "/" : root + "/";
+  for (size_t begin = 0, end; begin < table.size(); begin = end + 1) {
+    end = table.find('\n', begin);
+    if (end == std::string::npos) end = table.size();
+    std::string_view line(table.data() + begin, end - begin);
+    // "id parent major:minor root mount-point options ..."
+    size_t field = 0;
+    for (int skip = 0; skip < 4 && field != std::string_view::npos; ++skip) {
+      field = line.find(' ', field);
+      if (field != std::string_view::npos) ++field;
+    }
+    if (field == std::string_view::npos) continue;
+    size_t fieldEnd = line.find(' ', field);
+    std::string point = unescapeMountField(line.substr(
+        field, fieldEnd == std::string_view::npos ? std::string_view::npos : fieldEnd - field));
+    if (point.size() > prefix.size() && point.compare(0, prefix.size(), prefix) == 0)
+      points->insert(std::move(point));
+  }
+  return true;
+}
+
 // What the workers share during one run.
 class TreeRun {
  public:
-  TreeRun(PolicySource& policy, const TreeLabelCache& cache, const EntryStat& root)
-      : policy_(policy), cache_(cache), root_(root) {}
+  TreeRun(PolicySource& policy, const TreeLabelCache& cache, const EntryStat& root,
+          const std::string& canonicalRoot)
+      : policy_(policy), cache_(cache), root_(root) {
+    // Without a cache to consult, the stat() before the write serves only to
+    // guess the label's mode-dependent part and to spot files mounted from
+    // elsewhere; knowing the mount points lets the write come first.
+    createFirst_ = cache_.size() == 0 && mountPointsUnder(canonicalRoot, &mountPoints_);
+  }
 
   bool onRootMount(const EntryStat& entry) const {
     if (entry.st.st_dev != root_.st.st_dev) return false;
@@ -252,6 +314,9 @@ class TreeRun {
   void process(Item& item, WorkerState& worker) {
     TreeLabelStats& stats = worker.stats;
     std::vector<TreeCacheEntry>& verified = worker.verified;
+    if (!item.hasStat) {
+      if (mayCreateFirst(item, worker) && createFirst(item, worker)) return;
+    }
     if (!item.hasStat) {
       if (statEntry(item.dirfd(), item.name(), AT_SYMLINK_NOFOLLOW, &item.stat) != 0) {
         reportEntryError("cannot stat", item, errno, stats);
@@ -329,6 +394,72 @@ class TreeRun {
     }
   }
 
+  // A file or link not yet looked at, in a run that has nothing cached, on a
+  // file system that has taken creates so far.
+  bool mayCreateFirst(const Item& item, const WorkerState& worker) const {
+    return createFirst_ && worker.readFirst == 0 && !item.linkResolved &&
+           (item.type == DT_REG || item.type == DT_LNK) &&
+           (mountPoints_.empty() || mountPoints_.count(item.path) == 0);
+  }
+
+  // Creates the label the entry has if it is what it most likely is (a plain
+  // file that is nobody's executable, or a link, with one name), then stats
+  // it once, both to check the guess and to remember the change time that
+  // the write left. True when the entry is done with; false when it goes on
+  // the usual way (with item.hasStat set when it has been stat'ed), which is
+  // also how every failure of the create is reported.
+  bool createFirst(Item& item, WorkerState& worker) {
+    const LabelPolicy* policy = policy_.get();
+    if (policy == nullptr) return false;
+    struct stat guess {};
+    guess.st_mode = item.type == DT_LNK ? (S_IFLNK | 0777) : (S_IFREG | 0644);
+    unsigned char wanted[kLabelBufferBytes];
+    size_t wantedSize =
+        policy->effectiveLabel(item.path, guess).serializeToBuffer(wanted, sizeof wanted);
+    if (wantedSize == 0) return false;
+    if (writeLabel(item, wanted, wantedSize, XATTR_CREATE) != 0) {
+      if (errno == EEXIST) worker.readFirst = kReadFirstAfterLabelled;
+      return false;
+    }
+    TreeLabelStats& stats = worker.stats;
+    if (statEntry(item.dirfd(), item.name(), AT_SYMLINK_NOFOLLOW, &item.stat) != 0) {
+      reportEntryError("cannot stat", item, errno, stats);
+      return true;
+    }
+    item.hasStat = true;
+    const struct stat& st = item.stat.st;
+    if (!(S_ISREG(st.st_mode) || S_ISLNK(st.st_mode)) || st.st_nlink != 1 ||
+        !onRootMount(item.stat)) {
+      // Not what the listing said, a hard link, or mounted here since the
+      // walk began: the label just created was not wanted, and there was none
+      // before it.
+      ::lremovexattr(reachablePath(item).c_str(), kAttributeName);
+      return false;
+    }
+    ++stats.seen;
+    if (!LabelPolicy::sameInitLabel(guess.st_mode, st.st_mode)) {
+      Label label = policy->effectiveLabel(item.path, st);
+      size_t size = label.serializeToBuffer(wanted, sizeof wanted);
+      if (size == 0) {
+        TREE_LOG(ERROR, "cannot encode the label of %s", item.path.c_str());
+        ++stats.failed;
+        return true;
+      }
+      if (writeLabel(item, wanted, size, 0) != 0) {
+        reportEntryError("cannot write the label of", item, errno, stats);
+        return true;
+      }
+      if (statEntry(item.dirfd(), item.name(), AT_SYMLINK_NOFOLLOW, &item.stat) != 0) {
+        ++stats.written;
+        return true;
+      }
+    }
+    ++stats.written;
+    worker.verified.push_back(
+        TreeLabelCache::entryFor(item.stat.st, TreeLabelCache::hashPath(item.path)));
+    return true;
+  }
+
   void reportEntryError(const char* what, const Item& item, int error, TreeLabelStats& stats) {
     ++stats.failed;
     if (error == ENOENT) {
@@ -381,6 +512,8 @@ class TreeRun {
   std::map<std::pair<dev_t, ino_t>, Item> deferred_;
   std::mutex onceMutex_;
   std::set<dev_t> quietDevices_;
+  bool createFirst_ = false;
+  std::unordered_set<std::string> mountPoints_;
 };
 
 class WorkerPool {
@@ -560,6 +693,7 @@ class Walker {
     }
     item.dir = frame.dir;
     item.nameOffset = static_cast<uint32_t>(item.path.size() - std::strlen(name));
+    item.type = type;
     if (type == DT_DIR || type == DT_UNKNOWN) {
       // Directories are stat'ed here: the walk needs to know whether to enter.
       if (statEntry(frame.dir->get(), name, AT_SYMLINK_NOFOLLOW, &item.stat) != 0) {
@@ -751,7 +885,7 @@ int labelTree(const std::string& root, PolicySource& policy, const TreeLabelOpti
   if (!options.cacheFile.empty()) cache.load(options.cacheFile, fingerprint);
 
   try {
-    TreeRun run(policy, cache, rootStat);
+    TreeRun run(policy, cache, rootStat, canonicalRoot);
     unsigned workers = options.workers;
     if (workers == 0) workers = std::max(1u, std::thread::hardware_concurrency());
     std::unique_ptr<Progress> progress;
