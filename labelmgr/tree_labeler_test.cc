@@ -229,10 +229,18 @@ TEST_F(TreeLabelerMountTest, StaysOnTheRootMount) {
   std::string onTmpfs = makeFile("mnt/inner");
   // A bind mount shows the same device: only the mount id tells it apart.
   ASSERT_TRUE(mountHere((root_ + "/share").c_str(), root_ + "/bind", nullptr, MS_BIND));
+  // A single file mounted over one in the tree, as container runtimes do: a
+  // first run, which labels files before it stats them, must not touch it.
+  std::string outsideFile = base_ + "/outside-file";
+  writeTextFile(outsideFile, "x");
+  std::string fileMount = makeFile("etc/hosts");
+  ASSERT_EQ(0, mount(outsideFile.c_str(), fileMount.c_str(), nullptr, MS_BIND, nullptr));
+  mounts_.push_back(fileMount);
 
   LogCapture log;
   lm::TreeLabelStats stats = runTree(root_);
-  EXPECT_EQ(2u, stats.mountsSkipped);
+  EXPECT_EQ(3u, stats.mountsSkipped);
+  EXPECT_EQ("", rawLabel(outsideFile));
   EXPECT_EQ(1u, log.count("not entering " + root_ + "/mnt: another mount")) << log.dump();
   EXPECT_EQ("", rawLabel(onTmpfs));
   EXPECT_EQ("", rawLabel(root_ + "/mnt"));
