@@ -252,6 +252,7 @@ void OwnershipIndex::load(const std::string& dpkgDir, const std::vector<std::str
 }
 
 uint32_t OwnershipIndex::ownerOf(const std::string& canonicalPath) const {
+  if (owners_.empty()) return kNoOwner;  // spares hashing the path
   auto found = owners_.find(canonicalPath);
   if (found == owners_.end() || found->second == kShared) return kNoOwner;
   return found->second;

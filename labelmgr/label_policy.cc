@@ -1,5 +1,8 @@
 #include "labelmgr/label_policy.h"
 
+#include <cstring>
+#include <string_view>
+
 #include "labelmgr/path_digest.h"
 
 namespace zorv::labelmgr {
@@ -28,17 +31,55 @@ std::unique_ptr<LabelPolicy> LabelPolicy::load(StateDb* db,
   return policy;
 }
 
+namespace {
+
+// The digest of a file's last name, remembered per thread: names repeat
+// across a tree (README, Makefile, __init__.py, copyright in every package's
+// doc directory), and each digest costs as much as the rest of a file's
+// label. Direct-mapped, so a lookup is one hash of the name and one compare.
+class NameDigests {
+ public:
+  uint64_t of(std::string_view name) {
+    if (name.size() > kLongestName) return sm3Last64Bits(name);
+    uint64_t hash = 0xcbf29ce484222325ull;
+    for (char c : name) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3ull;
+    Slot& slot = slots_[(hash ^ hash >> 32) & (kSlots - 1)];
+    if (slot.used && slot.size == name.size() &&
+        std::memcmp(slot.name, name.data(), name.size()) == 0)
+      return slot.digest;
+    slot.digest = sm3Last64Bits(name);
+    slot.size = static_cast<uint8_t>(name.size());
+    std::memcpy(slot.name, name.data(), name.size());
+    slot.used = true;
+    return slot.digest;
+  }
+
+ private:
+  static constexpr size_t kLongestName = 46;
+  static constexpr size_t kSlots = 4096;
+  struct Slot {
+    uint64_t digest;
+    uint8_t size;
+    bool used;
+    char name[kLongestName];
+  };
+  Slot slots_[kSlots] = {};
+};
+
+}  // namespace
+
 Id LabelPolicy::policyOid(const std::string& canonicalPath) const {
   Id oid;
   uint32_t owner = owners_.ownerOf(canonicalPath);
   if (owner != OwnershipIndex::kNoOwner) oid.pkg_ = packageIds_.idOfInstalled(owner);
   size_t slash = canonicalPath.rfind('/');
-  std::string name = canonicalPath == "/" || slash == std::string::npos
-                         ? canonicalPath
-                         : canonicalPath.substr(slash + 1);
+  std::string_view name = canonicalPath == "/" || slash == std::string::npos
+                              ? std::string_view(canonicalPath)
+                              : std::string_view(canonicalPath).substr(slash + 1);
   // The same values as getSM3HashLast64Bits(), at a fraction of its cost per
   // call: whole-tree labelling computes two per file.
-  oid.file_ = sm3Last64Bits(name);
+  thread_local std::unique_ptr<NameDigests> names = std::make_unique<NameDigests>();
+  oid.file_ = names->of(name);
   oid.path_ = sm3Last64Bits(canonicalPath);
   return oid;
 }
