@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include "labelmgr/label_policy.h"
 #include "labelmgr/labelmgr_test_env.h"
 
 namespace zorv_testing {
@@ -82,23 +81,6 @@ TEST_F(RestoreTest, RestoreAppliesRulesAndInitDoesNot) {
   EXPECT_EQ(restored.oid_.toString(), labelOf(tool).oid_.toString());
   EXPECT_EQ(4u, labelOf(tool).tid_);
   EXPECT_EQ("", restoreSingleFileLabel(root_ + "/missing"));
-}
-
-// The computation shared with whole-tree labelling gives what restore wrote.
-TEST_F(RestoreTest, SharedPolicyMatchesRestore) {
-  std::string tool = makeFile("bin/alpha-tool", 0755);
-  std::string bin = root_ + "/bin/*";
-  ASSERT_EQ(0, setFileInheritFlag(bin.c_str(), 6, 1));
-  std::string text = restoreSingleFileLabel(tool);
-  bool absent = false;
-  auto db = zorv::labelmgr::StateDb::open(zorv::labelmgr::StateDb::OpenMode::kExisting, &absent);
-  ASSERT_NE(nullptr, db);
-  auto policy = zorv::labelmgr::LabelPolicy::load(db.get());
-  ASSERT_NE(nullptr, policy);
-  struct stat st;
-  ASSERT_EQ(0, lstat(tool.c_str(), &st));
-  EXPECT_EQ(text, policy->effectiveLabel(tool, st).toString());
-  EXPECT_EQ(0u, policy->initLabel(tool, st).inheritFlag_);
 }
 
 }  // namespace
