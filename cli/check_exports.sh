@@ -2,8 +2,15 @@
 # The executable exports the common library under plain names for the
 # framework's other programs, and searches its libraries through RUNPATH so
 # that LD_LIBRARY_PATH can put another label manager library first.
+#
+# Usage: check_exports.sh TOOL LABELMGR PRIVATE_RUNTIME(ON|OFF)
+# Start-up stays short: neither the tool nor our label manager library needs
+# libzmq, libcrypto or libsqlite3 at load time (they are opened on first use),
+# and with a private runtime neither needs the shared libstdc++ or log4cpp.
 set -u
 tool=$1
+labelmgr=$2
+private_runtime=$3
 status=0
 symbols=$(nm -D -C --defined-only "$tool") || exit 1
 for name in 'isFilePathSafe(' 'isPatternSafe(' 'wildcardMatch(' 'containsWildcard(' \
@@ -26,5 +33,18 @@ if ! printf '%s\n' "$dynamic" | grep -q 'Shared library: \[libzorvlabelmgr.so.1\
   echo "does not need libzorvlabelmgr.so.1"
   status=1
 fi
-[ $status -eq 0 ] && echo "exports and RUNPATH ok"
+if printf '%s\n' "$dynamic" | grep -q 'Library runpath: \[.*\(::\|:\]\|\[:\)'; then
+  echo "RUNPATH has an empty entry, which searches the current directory"
+  status=1
+fi
+heavy='libzmq|libcrypto|libsqlite3'
+[ "$private_runtime" = ON ] && heavy="$heavy|libstdc\+\+|liblog4cpp|libgcc_s"
+for object in "$tool" "$labelmgr"; do
+  needed=$(readelf -d "$object" | sed -n 's/.*Shared library: \[\(.*\)\]/\1/p')
+  for library in $(printf '%s\n' "$needed" | grep -E "^($heavy)"); do
+    echo "$object needs $library at start-up"
+    status=1
+  done
+done
+[ $status -eq 0 ] && echo "exports, RUNPATH and start-up libraries ok"
 exit $status

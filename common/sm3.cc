@@ -1,16 +1,15 @@
 #include "common/sm3.h"
 
-#include <openssl/evp.h>
-
 #include <memory>
 #include <sstream>
 
+#include "common/crypto_api_internal.h"
 #include "log/logger.h"
 
 namespace {
 
 struct DigestContextFree {
-  void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+  void operator()(EVP_MD_CTX* context) const { cryptoApi()->mdCtxFree(context); }
 };
 // Owns one digest context for the length of a call; freed on every path.
 using DigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextFree>;
@@ -38,21 +37,22 @@ Number trailingDigestBits(const std::string& input, size_t digits, const char* t
 }  // namespace
 
 std::string getSM3HashValue(const std::string& input) {
-  const EVP_MD* md = EVP_get_digestbyname("SM3");
+  const CryptoApi* crypto = cryptoApi();
+  const EVP_MD* md = crypto != nullptr ? crypto->getDigestByName("SM3") : nullptr;
   if (md == nullptr) {
     ZLOG_ERROR("Unsupported hash function SM3");
     return "";
   }
-  DigestContext context(EVP_MD_CTX_new());
+  DigestContext context(crypto->mdCtxNew());
   if (!context) {
     ZLOG_ERROR("EVP_MD_CTX_new failed");
     return "";
   }
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
-  EVP_DigestInit_ex(context.get(), md, nullptr);
-  EVP_DigestUpdate(context.get(), input.data(), input.size());
-  EVP_DigestFinal_ex(context.get(), digest, &length);
+  crypto->digestInit(context.get(), md, nullptr);
+  crypto->digestUpdate(context.get(), input.data(), input.size());
+  crypto->digestFinal(context.get(), digest, &length);
 
   static const char kAlphabet[] = "0123456789abcdef";
   std::string hex;

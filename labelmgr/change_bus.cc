@@ -74,10 +74,6 @@ int64_t nowNs() {
   return toNs(t);
 }
 
-void setIntOption(ZMQSocket& socket, int option, int value) {
-  zmq_setsockopt(socket.handle(), option, &value, sizeof value);
-}
-
 // Creates `path` (mode `mode`) and any missing parents (0755).
 bool makeDirectory(const std::string& path, mode_t mode) {
   struct stat st;
@@ -267,9 +263,9 @@ class Publisher {
   void connectPeer(const std::string& name, const std::string& endpointPath) {
     try {
       auto socket = std::make_unique<ZMQSocket>(ZMQSocket::PUSH);
-      setIntOption(*socket, ZMQ_LINGER, kLingerMs);
-      setIntOption(*socket, ZMQ_SNDHWM, kSendHighWater);
-      setIntOption(*socket, ZMQ_SNDTIMEO, kSendTimeoutMs);
+      socket->setOption(ZMQ_LINGER, kLingerMs);
+      socket->setOption(ZMQ_SNDHWM, kSendHighWater);
+      socket->setOption(ZMQ_SNDTIMEO, kSendTimeoutMs);
       socket->connect("ipc://" + endpointPath);
       peers_.push_back(Peer{name, std::move(socket)});
     } catch (const std::exception& e) {
@@ -278,7 +274,7 @@ class Publisher {
   }
 
   void dropPeer(size_t index, bool discardQueued) {
-    if (discardQueued) setIntOption(*peers_[index].socket, ZMQ_LINGER, 0);
+    if (discardQueued) peers_[index].socket->setOption(ZMQ_LINGER, 0);
     peers_.erase(peers_.begin() + static_cast<std::ptrdiff_t>(index));
   }
 
@@ -371,8 +367,8 @@ int LabelChangeListener::subscribe(const std::string& topic) {
     }
     try {
       auto socket = std::make_unique<ZMQSocket>(ZMQSocket::PULL);
-      setIntOption(*socket, ZMQ_LINGER, 0);
-      setIntOption(*socket, ZMQ_RCVHWM, kReceiveHighWater);
+      socket->setOption(ZMQ_LINGER, 0);
+      socket->setOption(ZMQ_RCVHWM, kReceiveHighWater);
       socket->bind("ipc://" + endpointPath);
       socket_ = std::move(socket);
     } catch (const std::exception& e) {
@@ -395,16 +391,14 @@ int LabelChangeListener::receive(std::string& text) {
     return -1;
   }
   for (;;) {
-    // Waiting in zmq_poll rather than in a blocking receive lets us resume
+    // Waiting for readiness rather than in a blocking receive lets us resume
     // after a stop and continue (^Z, fg), which interrupts the wait even
     // without a signal handler.
-    zmq_pollitem_t item{socket_->handle(), 0, ZMQ_POLLIN, 0};
-    if (zmq_poll(&item, 1, -1) < 0) {
-      if (zmq_errno() == EINTR) continue;
-      ZLOG_ERROR("waiting for label change messages failed: %s", zmq_strerror(zmq_errno()));
+    std::string error;
+    if (!socket_->waitReadable(error)) {
+      ZLOG_ERROR("waiting for label change messages failed: %s", error.c_str());
       return -1;
     }
-    if ((item.revents & ZMQ_POLLIN) == 0) continue;
     try {
       text = socket_->recv();
     } catch (const std::exception& e) {

@@ -1,36 +1,40 @@
 #include "labelmgr/path_digest.h"
 
-#include <openssl/evp.h>
-
 #include <memory>
 
+#include "common/crypto_api_internal.h"
 #include "common/sm3.h"
 
 namespace zorv::labelmgr {
 namespace {
 
 struct DigestFree {
-  void operator()(EVP_MD* md) const { EVP_MD_free(md); }
+  void operator()(EVP_MD* md) const { cryptoApi()->mdFree(md); }
 };
 struct ContextFree {
-  void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+  void operator()(EVP_MD_CTX* context) const { cryptoApi()->mdCtxFree(context); }
 };
 
+using Context = std::unique_ptr<EVP_MD_CTX, ContextFree>;
+
 const EVP_MD* sm3() {
-  static const std::unique_ptr<EVP_MD, DigestFree> md(EVP_MD_fetch(nullptr, "SM3", nullptr));
+  static const std::unique_ptr<EVP_MD, DigestFree> md(
+      cryptoApi() != nullptr ? cryptoApi()->mdFetch(nullptr, "SM3", nullptr) : nullptr);
   return md.get();
 }
 
 }  // namespace
 
 uint64_t sm3Last64Bits(std::string_view text) {
-  thread_local std::unique_ptr<EVP_MD_CTX, ContextFree> context(EVP_MD_CTX_new());
   const EVP_MD* md = sm3();
+  if (md == nullptr) return getSM3HashLast64Bits(std::string(text));
+  const CryptoApi& crypto = *cryptoApi();
+  thread_local Context context(crypto.mdCtxNew());
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
-  if (md == nullptr || !context || EVP_DigestInit_ex2(context.get(), md, nullptr) != 1 ||
-      EVP_DigestUpdate(context.get(), text.data(), text.size()) != 1 ||
-      EVP_DigestFinal_ex(context.get(), digest, &length) != 1 || length < 8) {
+  if (!context || crypto.digestInit2(context.get(), md, nullptr) != 1 ||
+      crypto.digestUpdate(context.get(), text.data(), text.size()) != 1 ||
+      crypto.digestFinal(context.get(), digest, &length) != 1 || length < 8) {
     // The common library's helper says why in its own words.
     return getSM3HashLast64Bits(std::string(text));
   }

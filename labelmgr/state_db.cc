@@ -1,13 +1,13 @@
 #include "labelmgr/state_db.h"
 
 #include <errno.h>
-#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
 
+#include "labelmgr/sqlite_api.h"
 #include "log/logger.h"
 
 #ifndef ZORV_DEFAULT_STATE_DIR
@@ -17,6 +17,9 @@
 namespace zorv::labelmgr {
 
 namespace {
+
+// Only reached once sqliteApi() has answered; see StateDb::open.
+const SqliteApi& sqlite() { return *sqliteApi(); }
 
 // Long enough to outwait another run of the tool relabelling a large pattern.
 constexpr int kBusyTimeoutMs = 60000;
@@ -87,15 +90,16 @@ std::unique_ptr<StateDb> StateDb::open(OpenMode mode, bool* absent) {
     return nullptr;
   }
 
+  if (sqliteApi() == nullptr) return nullptr;
   sqlite3* handle = nullptr;
-  if (sqlite3_open_v2(path.c_str(), &handle, flags, nullptr) != SQLITE_OK) {
+  if (sqlite().open_v2(path.c_str(), &handle, flags, nullptr) != SQLITE_OK) {
     ZLOG_ERROR("cannot open state database %s: %s", path.c_str(),
-               handle ? sqlite3_errmsg(handle) : "out of memory");
-    sqlite3_close(handle);
+               handle ? sqlite().errmsg(handle) : "out of memory");
+    sqlite().close(handle);
     return nullptr;
   }
   std::unique_ptr<StateDb> db(new StateDb(handle, path));
-  sqlite3_busy_timeout(handle, kBusyTimeoutMs);
+  sqlite().busy_timeout(handle, kBusyTimeoutMs);
   // WAL lets readers go on while a writer holds the lock; a file system that
   // cannot do WAL leaves the journal mode as it was, which still works.
   if (!db->exec("PRAGMA journal_mode=WAL")) return nullptr;
@@ -103,14 +107,14 @@ std::unique_ptr<StateDb> StateDb::open(OpenMode mode, bool* absent) {
   return db;
 }
 
-StateDb::~StateDb() { sqlite3_close(db_); }
+StateDb::~StateDb() { sqlite().close(db_); }
 
 bool StateDb::exec(const char* sql) {
   char* message = nullptr;
-  if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) == SQLITE_OK) return true;
+  if (sqlite().exec(db_, sql, nullptr, nullptr, &message) == SQLITE_OK) return true;
   ZLOG_ERROR("state database %s: \"%s\" failed: %s", path_.c_str(), sql,
-             message ? message : sqlite3_errmsg(db_));
-  sqlite3_free(message);
+             message ? message : sqlite().errmsg(db_));
+  sqlite().free(message);
   return false;
 }
 
@@ -132,34 +136,35 @@ bool StateDb::migrate() {
 }
 
 Statement::Statement(StateDb& db, const char* sql) : db_(db), sql_(sql) {
-  if (sqlite3_prepare_v2(db.handle(), sql, -1, &stmt_, nullptr) != SQLITE_OK) {
+  if (sqlite().prepare_v2(db.handle(), sql, -1, &stmt_, nullptr) != SQLITE_OK) {
     ZLOG_ERROR("state database %s: cannot prepare \"%s\": %s", db.path().c_str(), sql,
-               sqlite3_errmsg(db.handle()));
-    sqlite3_finalize(stmt_);
+               sqlite().errmsg(db.handle()));
+    sqlite().finalize(stmt_);
     stmt_ = nullptr;
     failed_ = true;
   }
 }
 
-Statement::~Statement() { sqlite3_finalize(stmt_); }
+Statement::~Statement() { sqlite().finalize(stmt_); }
 
 void Statement::bind(int index, int64_t value) {
-  if (stmt_ != nullptr) sqlite3_bind_int64(stmt_, index, value);
+  if (stmt_ != nullptr) sqlite().bind_int64(stmt_, index, value);
 }
 
 void Statement::bind(int index, const std::string& value) {
   if (stmt_ != nullptr)
-    sqlite3_bind_text(stmt_, index, value.data(), static_cast<int>(value.size()), SQLITE_TRANSIENT);
+    sqlite().bind_text(stmt_, index, value.data(), static_cast<int>(value.size()),
+                       SQLITE_TRANSIENT);
 }
 
 bool Statement::step() {
   if (stmt_ == nullptr || failed_) return false;
-  int rc = sqlite3_step(stmt_);
+  int rc = sqlite().step(stmt_);
   if (rc == SQLITE_ROW) return true;
   if (rc == SQLITE_DONE) return false;
   failed_ = true;
   ZLOG_ERROR("state database %s: \"%s\" failed: %s", db_.path().c_str(), sql_.c_str(),
-             sqlite3_errmsg(db_.handle()));
+             sqlite().errmsg(db_.handle()));
   return false;
 }
 
@@ -169,13 +174,13 @@ bool Statement::run() {
   return !failed_;
 }
 
-int64_t Statement::columnInt(int column) const { return sqlite3_column_int64(stmt_, column); }
+int64_t Statement::columnInt(int column) const { return sqlite().column_int64(stmt_, column); }
 
 std::string Statement::columnText(int column) const {
-  const unsigned char* text = sqlite3_column_text(stmt_, column);
+  const unsigned char* text = sqlite().column_text(stmt_, column);
   if (text == nullptr) return "";
   return std::string(reinterpret_cast<const char*>(text),
-                     static_cast<size_t>(sqlite3_column_bytes(stmt_, column)));
+                     static_cast<size_t>(sqlite().column_bytes(stmt_, column)));
 }
 
 ImmediateTransaction::ImmediateTransaction(StateDb& db) : db_(db) {
@@ -183,7 +188,7 @@ ImmediateTransaction::ImmediateTransaction(StateDb& db) : db_(db) {
 }
 
 ImmediateTransaction::~ImmediateTransaction() {
-  if (open_) sqlite3_exec(db_.handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+  if (open_) sqlite().exec(db_.handle(), "ROLLBACK", nullptr, nullptr, nullptr);
 }
 
 bool ImmediateTransaction::commit() {

@@ -1,6 +1,7 @@
 // One ZeroMQ context and one socket, for exchanging text messages.
 //
 // Thread safety: one object is used by one thread at a time.
+// libzmq is opened when the first socket is made, not when the program starts.
 #ifndef ZORV_MSG_ZMQ_SOCKET_H_
 #define ZORV_MSG_ZMQ_SOCKET_H_
 
@@ -43,6 +44,14 @@ class ZMQSocket {
   /// Adds a prefix filter ("" receives all); throws
   /// "Failed to set subscription filter.".
   void subscribe(const std::string& topic);
+
+  /// Sets an integer socket option (ZMQ_LINGER, ZMQ_SNDHWM...); false when
+  /// ZeroMQ refuses it.
+  bool setOption(int option, int value);
+  /// Blocks until a message can be received, going on waiting after an
+  /// interruption (a signal, a stop and continue); false with ZeroMQ's reason
+  /// in `error` when waiting fails.
+  bool waitReadable(std::string& error);
 
   /// The raw ZeroMQ socket, for options and polling this wrapper does not offer.
   void* handle() const { return socket_; }
