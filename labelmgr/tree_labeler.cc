@@ -418,7 +418,9 @@ class TreeRun {
         policy->effectiveLabel(item.path, guess).serializeToBuffer(wanted, sizeof wanted);
     if (wantedSize == 0) return false;
     if (writeLabel(item, wanted, wantedSize, XATTR_CREATE) != 0) {
-      if (errno == EEXIST) worker.readFirst = kReadFirstAfterLabelled;
+      // Labelled already, or a failure that the usual way reports: either
+      // way the next entries are read before they are written.
+      worker.readFirst = kReadFirstAfterLabelled;
       return false;
     }
     TreeLabelStats& stats = worker.stats;
