@@ -121,9 +121,12 @@ int statEntry(int dirfd, const char* name, int flags, EntryStat* out) {
 }
 
 std::string joinPath(const std::string& dir, const char* name) {
-  std::string path = dir;
+  size_t nameSize = std::strlen(name);
+  std::string path;
+  path.reserve(dir.size() + 1 + nameSize);  // one allocation per entry, not two
+  path = dir;
   if (path.empty() || path.back() != '/') path += '/';
-  path += name;
+  path.append(name, nameSize);
   return path;
 }
 
