@@ -4,17 +4,26 @@
 #include <cstdio>
 
 namespace zorv::cli {
+namespace {
+
+int batchDepth = 0;
+
+void endLine() {
+  if (batchDepth == 0) std::fflush(stdout);
+}
+
+}  // namespace
 
 void printLine(const std::string& text) {
   std::fwrite(text.data(), 1, text.size(), stdout);
   std::fputc('\n', stdout);
-  std::fflush(stdout);
+  endLine();
 }
 
 void printLine(std::initializer_list<std::string_view> pieces) {
   for (std::string_view piece : pieces) std::fwrite(piece.data(), 1, piece.size(), stdout);
   std::fputc('\n', stdout);
-  std::fflush(stdout);
+  endLine();
 }
 
 void printFormatted(const char* format, ...) {
@@ -22,7 +31,16 @@ void printFormatted(const char* format, ...) {
   va_start(args, format);
   std::vprintf(format, args);
   va_end(args);
+  endLine();
+}
+
+BatchedOutput::BatchedOutput() { ++batchDepth; }
+
+BatchedOutput::~BatchedOutput() {
+  --batchDepth;
   std::fflush(stdout);
 }
+
+void flushStandardOutput() { std::fflush(stdout); }
 
 }  // namespace zorv::cli

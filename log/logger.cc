@@ -128,6 +128,9 @@ std::set<std::string> Logger::getLogFilePathsFromConfig(const std::string& path)
   std::set<std::string> files;
   std::ifstream in(path);
   if (!in.is_open()) {
+    // The logger may first be used in the middle of a program's buffered
+    // output; what came before this message goes out before it.
+    std::cout.flush();
     std::cerr << "Failed to open config file: " << path << std::endl;
     return files;
   }
