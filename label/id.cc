@@ -29,11 +29,17 @@ char* putHex16(char* out, uint64_t value) {
 }  // namespace
 
 std::string Id::toString() const {
-  std::string text(kTextLength, '-');
-  char* out = putHex16(&text[0], pkg_);
+  std::string text;
+  appendTo(text);
+  return text;
+}
+
+void Id::appendTo(std::string& text) const {
+  const size_t start = text.size();
+  text.resize(start + kTextLength, '-');
+  char* out = putHex16(&text[start], pkg_);
   out = putHex16(out + 1, file_);
   putHex16(out + 1, path_);
-  return text;
 }
 
 Id Id::fromString(const std::string& text) {

@@ -13,6 +13,8 @@ class Id {
 
   /// Three 16-digit lower-case hex groups joined by "-": always 50 characters.
   std::string toString() const;
+  /// Appends toString()'s text to `out`, without a string of its own.
+  void appendTo(std::string& out) const;
   /// Parses the 50-character form; the zero Id (and an error log line) on any
   /// error. Never throws for bad input.
   static Id fromString(const std::string& text);

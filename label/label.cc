@@ -28,8 +28,19 @@ uint32_t lowWordOf(const std::string& piece) {
 }  // namespace
 
 std::string Label::toString() const {
-  return oid_.toString() + ":" + std::to_string(tid_) + ":" + sid_.toString() + ":" +
-         std::to_string(inheritFlag_) + ":" + creatorOid_.toString();
+  // Built in place: listing a tree prints one of these per file.
+  std::string text;
+  text.reserve(3 * 50 + 2 * 10 + 4);
+  oid_.appendTo(text);
+  text += ':';
+  text += std::to_string(tid_);
+  text += ':';
+  sid_.appendTo(text);
+  text += ':';
+  text += std::to_string(inheritFlag_);
+  text += ':';
+  creatorOid_.appendTo(text);
+  return text;
 }
 
 Label Label::fromString(const std::string& text) {

@@ -1,3 +1,4 @@
+#include <sys/stat.h>
 #include <sys/xattr.h>
 
 #include <cerrno>
@@ -19,9 +20,14 @@ constexpr const char* kAttributeName = "security.zorv";
 // as missing. A directory on the way that cannot be searched throws
 // fs::filesystem_error rather than reading as missing.
 void requireExisting(const std::string& path) {
-  const fs::file_type type = fs::status(fs::path(path)).type();
-  if (type == fs::file_type::not_found || type == fs::file_type::none)
-    throw LabelError("File does not exist: ", 4);
+  // stat() itself, as std::filesystem::status() would call it, without
+  // splitting the path into components first: listings check every file.
+  struct stat st;
+  if (::stat(path.c_str(), &st) == 0) return;
+  const int error = errno;
+  if (error == ENOENT || error == ENOTDIR) throw LabelError("File does not exist: ", 4);
+  throw fs::filesystem_error("status", fs::path(path),
+                             std::error_code(error, std::generic_category()));
 }
 
 ssize_t readAttribute(const std::string& path, bool noDereference, void* value, size_t size) {
