@@ -927,7 +927,11 @@ int labelTree(const std::string& root, PolicySource& policy, const TreeLabelOpti
     ZLOG_ERROR("labelling the tree under %s failed: %s", canonicalRoot.c_str(), e.what());
     return -1;
   }
-  if (!options.cacheFile.empty()) TreeLabelCache::save(options.cacheFile, fingerprint, verified);
+  // When every remembered entry was found unchanged and nothing else was
+  // verified, the file already says all there is to say.
+  bool cacheUnchanged = cache.size() == verified.size() && total.cached == verified.size();
+  if (!options.cacheFile.empty() && !cacheUnchanged)
+    TreeLabelCache::save(options.cacheFile, fingerprint, verified);
   if (stats != nullptr) {
     *stats = total;
     stats->root = canonicalRoot;
