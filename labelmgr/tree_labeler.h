@@ -7,9 +7,12 @@
 // has no depth limit (it iterates and works relative to directory descriptors,
 // so paths longer than PATH_MAX are fine) and writes an attribute only when the
 // label differs; with a cache, an entry unchanged since the previous run costs
-// only its stat(). A file with several hard links is labelled once, through its
-// byte-wise smallest path, so that runs agree with each other. Problems with
-// single entries (unreadable, vanished, no attribute support) are logged once
+// only its stat(). With nothing cached, a file or link gets its label created
+// (where it has none) before its one stat(), which then confirms the guess;
+// one that turns out to be executable is written again, and a hard link or
+// anything unexpected has the created label removed and is handled as usual. A file with several
+// hard links is labelled once, through its byte-wise smallest path, so that runs agree with each
+// other. Problems with single entries (unreadable, vanished, no attribute support) are logged once
 // each and the walk goes on.
 //
 // One thread walks; a pool of workers computes, compares and writes.
