@@ -83,7 +83,10 @@ done
 fixed=$(median "${fixeds[@]}")
 
 a=$(median "${as[@]}") b=$(median "${bs[@]}") c=$(median "${cs[@]}")
+dpkg=${DPKG_DIR:-/var/lib/dpkg}
+lists=$(find "$dpkg/info" -maxdepth 1 -name '*.list' 2>/dev/null | wc -l)
 printf 'tree: %d entries (%d files), medians of %d rounds\n' "$entries" "$files" "$rounds"
+printf 'dpkg database: %s (%d file lists)\n' "$dpkg" "$lists"
 printf '(a) our whole-tree labelling, first run:   %.3f s\n' "$a"
 printf '(b) find | xargs setfattr, same writes:     %.3f s\n' "$b"
 printf '(c) our second run over the unchanged tree: %.3f s\n' "$c"
