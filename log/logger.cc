@@ -116,6 +116,8 @@ void Logger::always(const char* tag, int line, const char* format, ...) noexcept
   va_end(args);
 }
 
+bool Logger::isDebugEnabled() const { return root->isDebugEnabled(); }
+
 log4cpp::Category* Logger::getCategory(const std::string& name) {
   auto found = categories.find(name);
   if (found != categories.end()) return found->second;

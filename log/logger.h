@@ -50,6 +50,10 @@ class Logger {
   void always(const char* tag, int line, const char* format, ...) noexcept
       __attribute__((format(printf, 4, 5)));
 
+  /// Whether debug records reach any appender, so that callers can skip
+  /// building the arguments of records that would be dropped.
+  bool isDebugEnabled() const;
+
   /// The named category, fetched from log4cpp once and cached. No lock.
   log4cpp::Category* getCategory(const std::string& name);
 
@@ -67,7 +71,13 @@ class Logger {
 };
 
 // Shorthands that tag each message with the calling function's name.
-#define ZLOG_DEBUG(...) ::Logger::getInstance().debug(__func__, __LINE__, __VA_ARGS__)
+// Debug records are the ones hot paths leave switched off: their arguments are
+// only evaluated when the record would be written.
+#define ZLOG_DEBUG(...)                                                                 \
+  do {                                                                                  \
+    ::Logger& zlogLogger = ::Logger::getInstance();                                     \
+    if (zlogLogger.isDebugEnabled()) zlogLogger.debug(__func__, __LINE__, __VA_ARGS__); \
+  } while (0)
 #define ZLOG_INFO(...) ::Logger::getInstance().info(__func__, __LINE__, __VA_ARGS__)
 #define ZLOG_WARN(...) ::Logger::getInstance().warn(__func__, __LINE__, __VA_ARGS__)
 #define ZLOG_ERROR(...) ::Logger::getInstance().error(__func__, __LINE__, __VA_ARGS__)
