@@ -97,29 +97,22 @@ std::string expectedUsage() {
   return text;
 }
 
-void expectRun(const ToolResult& r, const std::string& out, const std::string& err, int status) {
-  EXPECT_EQ(r.out, out);
-  EXPECT_EQ(r.err, err);
-  EXPECT_EQ(r.status, status);
-  EXPECT_EQ(r.signal, 0);
-}
-
 TEST(DispatchE2eTest, UsageIsPrintedWholeAndEndsTheRun) {
   FakeLabelManager fake;
   const std::string usage = expectedUsage();
-  expectRun(fake.run({}), usage, "", 0);
-  expectRun(fake.run({"-h"}), usage, "", 0);
-  expectRun(fake.run({"--help"}), usage, "", 0);
+  fake.expect({}, usage);
+  fake.expect({"-h"}, usage);
+  fake.expect({"--help"}, usage);
   // Options before -h are read and dropped; those after it are never read.
-  expectRun(fake.run({"-g", "-o", "/f", "-h", "-x"}), usage, "", 0);
+  fake.expect({"-g", "-o", "/f", "-h", "-x"}, usage);
   EXPECT_TRUE(fake.calls().empty());
 }
 
 TEST(DispatchE2eTest, Sm3ValueEndsTheRunBeforeLaterOptions) {
   FakeLabelManager fake;
   const std::string abc = "SM3 Hash (last 64 bits): 297da02b8f4ba8e0\n";
-  expectRun(fake.run({"-3", "abc"}), abc, "", 0);
-  expectRun(fake.run({"--sm3", "abc", "-g", "-o", "/f"}), abc, "", 0);
+  fake.expect({"-3", "abc"}, abc);
+  fake.expect({"--sm3", "abc", "-g", "-o", "/f"}, abc);
   const ToolResult path = fake.run({"-3", "/x", "-g"});
   EXPECT_EQ(path.status, 0);
   EXPECT_EQ(path.out.rfind("SM3 Hash (last 64 bits): ", 0), 0u);
@@ -129,28 +122,26 @@ TEST(DispatchE2eTest, Sm3ValueEndsTheRunBeforeLaterOptions) {
 
 TEST(DispatchE2eTest, OptionErrorsCarryOnlyGetoptsOwnMessage) {
   FakeLabelManager fake;
-  expectRun(fake.run({"-x"}), "", "zorv-label-manager-tool: invalid option -- 'x'\n", 1);
-  expectRun(fake.run({"-g", "-o"}), "",
-            "zorv-label-manager-tool: option requires an argument -- 'o'\n", 1);
-  expectRun(fake.run({"--del"}), "",
-            "zorv-label-manager-tool: option '--del' requires an argument\n", 1);
-  expectRun(fake.run({"--clear=x"}), "",
-            "zorv-label-manager-tool: option '--clear' doesn't allow an argument\n", 1);
+  fake.expect({"-x"}, "", 1, "zorv-label-manager-tool: invalid option -- 'x'\n");
+  fake.expect({"-g", "-o"}, "", 1, "zorv-label-manager-tool: option requires an argument -- 'o'\n");
+  fake.expect({"--del"}, "", 1, "zorv-label-manager-tool: option '--del' requires an argument\n");
+  fake.expect({"--clear=x"}, "", 1,
+              "zorv-label-manager-tool: option '--clear' doesn't allow an argument\n");
   // -d takes no argument, so this is a delete run with nothing to delete.
-  expectRun(fake.run({"-d"}), std::string(32, '=') + "\n", "", 0);
+  fake.expect({"-d"}, kDeleteRule);
   EXPECT_TRUE(fake.calls().empty());
 }
 
 TEST(DispatchE2eTest, WhatToDoWhenThereIsNothingToDo) {
   FakeLabelManager fake;
   const std::string argError = "arg error, please check the usage help\n";
-  expectRun(fake.run({"-l", "/x"}), "", "", 1);  // no action option
-  expectRun(fake.run({"-o", "/x", "-v", "1"}), "", "", 1);
-  expectRun(fake.run({"-g"}), argError, "", 1);
-  expectRun(fake.run({"-a"}), argError, "", 1);
-  expectRun(fake.run({"-a", "-u"}), argError, "", 1);
-  expectRun(fake.run({"-g", "-f", "x"}), "", "", 0);
-  expectRun(fake.run({"-a", "-f", "x"}), "", "", 0);
+  fake.expect({"-l", "/x"}, "", 1);  // no action option
+  fake.expect({"-o", "/x", "-v", "1"}, "", 1);
+  fake.expect({"-g"}, argError, 1);
+  fake.expect({"-a"}, argError, 1);
+  fake.expect({"-a", "-u"}, argError, 1);
+  fake.expect({"-g", "-f", "x"}, "");
+  fake.expect({"-a", "-f", "x"}, "");
   EXPECT_TRUE(fake.calls().empty());
 }
 
@@ -158,8 +149,8 @@ TEST(DispatchE2eTest, LastActionWinsAndIdIsIgnored) {
   FakeLabelManager fake;
   fake.script("getFileOid ret=0 id=1,2,3\n");
   const std::string line = "/f oid:0000000000000001-0000000000000002-0000000000000003\n";
-  expectRun(fake.run({"-a", "-g", "-o", "/f"}), line, "", 0);
-  expectRun(fake.run({"-d", "--get", "-v", "9", "-o", "/f"}), line, "", 0);
+  fake.expect({"-a", "-g", "-o", "/f"}, line);
+  fake.expect({"-d", "--get", "-v", "9", "-o", "/f"}, line);
   EXPECT_EQ(fake.calls(), (std::vector<std::string>{"getFileOid(\"/f\")", "getFileOid(\"/f\")"}));
 }
 
@@ -167,7 +158,6 @@ TEST(DispatchE2eTest, LastActionWinsAndIdIsIgnored) {
 // last option's argument (or at its own word when it takes none).
 TEST(DispatchE2eTest, OperandsBeginAtTheLastOptionsArgument) {
   FakeLabelManager fake;
-  const std::string bar = std::string(32, '=') + "\n";
   struct Case {
     std::vector<std::string> args;
     std::string out;
@@ -177,17 +167,17 @@ TEST(DispatchE2eTest, OperandsBeginAtTheLastOptionsArgument) {
        "set file oid success. -P\n",
        "setFileOid(\"-P\", 1, {0x1, 0x2, 0x3})"},
       {{"-d", "-o", "/a", "-R"},
-       bar + "-R\ndelete file oid success. -R\n",
+       kDeleteRule + "-R\ndelete file oid success. -R\n",
        "delFileOid(\"-R\", 0)"},
       // The long form takes an argument the short one does not.
       {{"--del", "x", "-o", "/f"},
-       bar + "/f\ndelete file oid success. /f\n",
+       kDeleteRule + "/f\ndelete file oid success. /f\n",
        "delFileOid(\"/f\", 0)"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.call);
     fake.script("");
-    expectRun(fake.run(c.args), c.out, "", 0);
+    fake.expect(c.args, c.out);
     EXPECT_EQ(fake.calls(), std::vector<std::string>{c.call});
   }
 }

@@ -14,32 +14,20 @@ namespace {
 
 using Calls = std::vector<std::string>;
 
-void expectRun(const ToolResult& r, const std::string& out, int status,
-               const std::string& err = "") {
-  EXPECT_EQ(r.out, out);
-  EXPECT_EQ(r.err, err);
-  EXPECT_EQ(r.status, status);
-  EXPECT_EQ(r.signal, 0);
-}
-
 TEST(FieldsE2eTest, SetOidAndSidCountTheWordsAndConvertTheLastThree) {
   FakeLabelManager fake;
   fake.script("setFileSid @/bad ret=-1\n");
-  expectRun(fake.run({"-a", "-o", "/f", "1", "2", "ffffffffffffffff"}),
-            "set file oid success. /f\n", 0);
-  expectRun(fake.run({"-P", "-a", "-m", "/d/*", "0x1A", "b", "c"}), "set file sid success. /d/*\n",
-            0);
-  expectRun(fake.run({"-a", "-m", "/bad", "1", "2", "3"}), "set file sid error. /bad\n", 1);
+  fake.expect({"-a", "-o", "/f", "1", "2", "ffffffffffffffff"}, "set file oid success. /f\n");
+  fake.expect({"-P", "-a", "-m", "/d/*", "0x1A", "b", "c"}, "set file sid success. /d/*\n");
+  fake.expect({"-a", "-m", "/bad", "1", "2", "3"}, "set file sid error. /bad\n", 1);
   EXPECT_EQ(fake.calls(), (Calls{"setFileOid(\"/f\", 0, {0x1, 0x2, 0xffffffffffffffff})",
                                  "setFileSid(\"/d/*\", 1, {0x1a, 0xb, 0xc})",
                                  "setFileSid(\"/bad\", 0, {0x1, 0x2, 0x3})"}));
 
   fake.script("");
-  expectRun(fake.run({"-a", "-o", "/f", "1", "2"}), "set file oid error, parameter error.\n", 1);
-  expectRun(fake.run({"-a", "-o", "/f", "1", "2", "3", "4"}),
-            "set file oid error, parameter error.\n", 1);
-  expectRun(fake.run({"-P", "-a", "-m", "/f", "1", "2"}), "set file sid error, parameter error.\n",
-            1);
+  fake.expect({"-a", "-o", "/f", "1", "2"}, "set file oid error, parameter error.\n", 1);
+  fake.expect({"-a", "-o", "/f", "1", "2", "3", "4"}, "set file oid error, parameter error.\n", 1);
+  fake.expect({"-P", "-a", "-m", "/f", "1", "2"}, "set file sid error, parameter error.\n", 1);
   EXPECT_TRUE(fake.calls().empty());
 }
 
@@ -47,19 +35,19 @@ TEST(FieldsE2eTest, SetTidIsLenientAndCarriesItsValueIntoTheInheritFlag) {
   FakeLabelManager fake;
   fake.script("setFileTid ret=1\n");
   // A failed TID set still ends with 0.
-  expectRun(fake.run({"-a", "-t", "/f", "1f"}), "set file tid error. /f\n", 0);
-  expectRun(fake.run({"-a", "-t", "/f"}), "set file tid error, parameter error.\n", 1);
+  fake.expect({"-a", "-t", "/f", "1f"}, "set file tid error. /f\n");
+  fake.expect({"-a", "-t", "/f"}, "set file tid error, parameter error.\n", 1);
 
   // -n needs a word of its own; only folded into "-an1" does the TID count
   // still pass.
   fake.script("");
-  expectRun(fake.run({"-an1", "-t", "/f", "5"}),
-            "set file tid success. /f\nset file inherit_flag success. /f\n", 0);
+  fake.expect({"-an1", "-t", "/f", "5"},
+              "set file tid success. /f\nset file inherit_flag success. /f\n");
   // 9 is a valid TID but not a valid flag.
-  expectRun(fake.run({"-an1", "-t", "/f", "9"}),
-            "set file tid success. /f\n"
-            "set file inheritFlag error, the parameter value ranges from 0 to 7.\n",
-            1);
+  fake.expect({"-an1", "-t", "/f", "9"},
+              "set file tid success. /f\n"
+              "set file inheritFlag error, the parameter value ranges from 0 to 7.\n",
+              1);
   EXPECT_EQ(fake.calls(), (Calls{"setFileTid(\"/f\", 0x5, 0)", "setFileInheritFlag(\"/f\", 0x5, 0)",
                                  "setFileTid(\"/f\", 0x9, 0)"}));
 }
@@ -67,12 +55,11 @@ TEST(FieldsE2eTest, SetTidIsLenientAndCarriesItsValueIntoTheInheritFlag) {
 TEST(FieldsE2eTest, SetInheritFlagNarrowsThenChecksTheRange) {
   FakeLabelManager fake;
   fake.script("setFileInheritFlag @/ro ret=-1\n");
-  expectRun(fake.run({"-a", "-n", "/f", "100000003"}), "set file inherit_flag success. /f\n", 0);
-  expectRun(fake.run({"-a", "-n", "/f", "8"}),
-            "set file inheritFlag error, the parameter value ranges from 0 to 7.\n", 1);
-  expectRun(fake.run({"-a", "-n", "/ro", "7"}), "set file inherit_flag error. /ro\n", 1);
-  expectRun(fake.run({"-a", "-n", "/f", "1", "2"}),
-            "set file inheritFlag error, parameter error.\n", 1);
+  fake.expect({"-a", "-n", "/f", "100000003"}, "set file inherit_flag success. /f\n");
+  fake.expect({"-a", "-n", "/f", "8"},
+              "set file inheritFlag error, the parameter value ranges from 0 to 7.\n", 1);
+  fake.expect({"-a", "-n", "/ro", "7"}, "set file inherit_flag error. /ro\n", 1);
+  fake.expect({"-a", "-n", "/f", "1", "2"}, "set file inheritFlag error, parameter error.\n", 1);
   EXPECT_EQ(fake.calls(),
             (Calls{"setFileInheritFlag(\"/f\", 0x3, 0)", "setFileInheritFlag(\"/ro\", 0x7, 0)"}));
 }
@@ -80,9 +67,9 @@ TEST(FieldsE2eTest, SetInheritFlagNarrowsThenChecksTheRange) {
 TEST(FieldsE2eTest, SetPackageIdTakesTheFifthWordAndNeverFails) {
   FakeLabelManager fake;
   fake.script("setPkgId @bad ret=-1\n");
-  expectRun(fake.run({"-a", "-p", "vim", "abc"}), "set pkgid success. vim\n", 0);
-  expectRun(fake.run({"-a", "-p", "bad", "1"}), "set pkgid error. bad\n", 0);
-  expectRun(fake.run({"-P", "-a", "-p", "vim", "1"}), "set pkgid error, parameter error.\n", 1);
+  fake.expect({"-a", "-p", "vim", "abc"}, "set pkgid success. vim\n");
+  fake.expect({"-a", "-p", "bad", "1"}, "set pkgid error. bad\n");
+  fake.expect({"-P", "-a", "-p", "vim", "1"}, "set pkgid error, parameter error.\n", 1);
   EXPECT_EQ(fake.calls(), (Calls{"setPkgId(\"vim\", 0xabc)", "setPkgId(\"bad\", 0x1)"}));
 }
 
@@ -92,22 +79,20 @@ TEST(FieldsE2eTest, BadNumbersEndTheRunAbnormallyBeforeAnyCall) {
     std::vector<std::string> args;
     std::string err;
   };
-  const std::string terminate = "terminate called after throwing an instance of ";
-  const std::string junk = "Conversion failed due to invalid characters in the string.";
+  // The tool's own line, then what the C++ runtime prints as it aborts.
+  auto aborted = [](bool range, const std::string& what) {
+    return std::string(range ? "Out of Range error: " : "Invalid argument: ") + what +
+           "\nterminate called after throwing an instance of 'std::" +
+           (range ? "out_of_range" : "invalid_argument") + "'\n  what():  " + what + "\n";
+  };
   const Case cases[] = {
-      {{"-a", "-t", "/f", "zz"},
-       "Invalid argument: stoul\n" + terminate + "'std::invalid_argument'\n  what():  stoul\n"},
+      {{"-a", "-t", "/f", "zz"}, aborted(false, "stoul")},
       {{"-a", "-t", "/f", "1g"},
-       "Invalid argument: " + junk + "\n" + terminate +
-           "'std::invalid_argument'\n  what():  " + junk + "\n"},
-      {{"-a", "-o", "/f", "1", "x", "3"},
-       "Invalid argument: stoull\n" + terminate + "'std::invalid_argument'\n  what():  stoull\n"},
-      {{"-a", "-p", "vim", "10000000000000000"},
-       "Out of Range error: stoull\n" + terminate + "'std::out_of_range'\n  what():  stoull\n"},
-      {{"-a", "-t", "/f", "10000000000000000"},
-       "Out of Range error: stoul\n" + terminate + "'std::out_of_range'\n  what():  stoul\n"},
-      {{"-g", "-q", "vim"},
-       "Invalid argument: stoull\n" + terminate + "'std::invalid_argument'\n  what():  stoull\n"},
+       aborted(false, "Conversion failed due to invalid characters in the string.")},
+      {{"-a", "-o", "/f", "1", "x", "3"}, aborted(false, "stoull")},
+      {{"-a", "-p", "vim", "10000000000000000"}, aborted(true, "stoull")},
+      {{"-a", "-t", "/f", "10000000000000000"}, aborted(true, "stoul")},
+      {{"-g", "-q", "vim"}, aborted(false, "stoull")},
   };
   for (const Case& c : cases) {
     const ToolResult r = fake.run(c.args);
@@ -126,17 +111,16 @@ TEST(FieldsE2eTest, GetStepsUseTheirOwnArgumentsInAFixedOrder) {
       "getFileSid id=a,0,ffffffffffffffff\n"
       "getFileTid value=12\n"
       "getFileInheritFlag value=5\n");
-  expectRun(fake.run({"-g", "-n", "/n", "-t", "/t", "-m", "/m", "-o", "/o", "-p", "vim"}),
-            "vim pkgid:000000000000001f\n"
-            "/o oid:0000000000000001-0000000000000002-0000000000000003\n"
-            "/m sid:000000000000000a-0000000000000000-ffffffffffffffff\n"
-            "/t tid:00000012\n"
-            "/n inheritFlag:00000005\n",
-            0);
+  fake.expect({"-g", "-n", "/n", "-t", "/t", "-m", "/m", "-o", "/o", "-p", "vim"},
+              "vim pkgid:000000000000001f\n"
+              "/o oid:0000000000000001-0000000000000002-0000000000000003\n"
+              "/m sid:000000000000000a-0000000000000000-ffffffffffffffff\n"
+              "/t tid:00000012\n"
+              "/n inheritFlag:00000005\n");
 
   // The package-name lookup ends the chain.
   fake.script("getPkgNameById text=vim\n");
-  expectRun(fake.run({"-g", "-q", "1a", "-o", "/x"}), "pkg name: vim\n", 0);
+  fake.expect({"-g", "-q", "1a", "-o", "/x"}, "pkg name: vim\n");
   EXPECT_EQ(fake.calls(), (Calls{"getPkgNameById(0x1a)"}));
 }
 
@@ -156,7 +140,7 @@ TEST(FieldsE2eTest, AFailedGetStepStopsTheChain) {
   };
   for (const Case& c : cases) {
     fake.script(c.failing + " ret=-1\n");
-    expectRun(fake.run(c.args), c.out, 1);
+    fake.expect(c.args, c.out, 1);
     EXPECT_EQ(fake.calls().size(), 1u) << c.failing;
   }
 }
@@ -164,56 +148,51 @@ TEST(FieldsE2eTest, AFailedGetStepStopsTheChain) {
 TEST(FieldsE2eTest, DeleteStepsWorkOnTheOperandList) {
   FakeLabelManager fake;
   fake.script("delFileOid @b ret=-1\n");
-  const std::string bar = std::string(32, '=') + "\n";
   // The OID step echoes every operand first; a failure neither stops the list
   // nor the run.
-  expectRun(fake.run({"-d", "-P", "-o", "a", "b", "c"}),
-            bar +
-                "a\nb\nc\ndelete file oid success. a\ndelete file oid error: b\n"
-                "delete file oid success. c\n",
-            0);
+  fake.expect({"-d", "-P", "-o", "a", "b", "c"},
+              kDeleteRule +
+                  "a\nb\nc\ndelete file oid success. a\ndelete file oid error: b\n"
+                  "delete file oid success. c\n");
   EXPECT_EQ(fake.calls(),
             (Calls{"delFileOid(\"a\", 1)", "delFileOid(\"b\", 1)", "delFileOid(\"c\", 1)"}));
 
   // Every selector's step runs over the operands, which begin at the last
   // option's argument: /a is never touched.
   fake.script("delFileSid ret=2\n");
-  expectRun(fake.run({"-d", "-o", "/a", "-m", "/b", "-p", "vim", "-t", "/c"}),
-            bar +
-                "delete pkg id success. /c\n"
-                "/c\n"
-                "delete file oid success. /c\n"
-                "delete file sid error: /c\n"
-                "delete file tid success. /c\n",
-            0);
+  fake.expect({"-d", "-o", "/a", "-m", "/b", "-p", "vim", "-t", "/c"},
+              kDeleteRule +
+                  "delete pkg id success. /c\n"
+                  "/c\n"
+                  "delete file oid success. /c\n"
+                  "delete file sid error: /c\n"
+                  "delete file tid success. /c\n");
   EXPECT_EQ(fake.calls(), (Calls{"delUserSetPkgId(\"/c\")", "delFileOid(\"/c\", 0)",
                                  "delFileSid(\"/c\", 0)", "delFileTid(\"/c\", 0)"}));
 
   fake.script("");
-  expectRun(fake.run({"-d", "-n", "/f"}), bar + "delete file inheritFlag success. /f\n", 0);
+  fake.expect({"-d", "-n", "/f"}, kDeleteRule + "delete file inheritFlag success. /f\n");
 }
 
 TEST(FieldsE2eTest, ClearWordsRunInOrderUntilAnUnknownOne) {
   FakeLabelManager fake;
   fake.script("clearFileTid ret=1\n");
-  const std::string bar = std::string(32, '=') + "\n";
-  expectRun(fake.run({"-d", "-c", "sid", "oid", "tid", "inherit_flag", "pkgid"}),
-            bar +
-                "clear file sid success.\n"
-                "clear file oid success.\n"
-                "clear file tid error.\n"
-                "clear file inherit_flag success.\n"
-                "clear pkg id success.\n",
-            0);
+  fake.expect({"-d", "-c", "sid", "oid", "tid", "inherit_flag", "pkgid"},
+              kDeleteRule +
+                  "clear file sid success.\n"
+                  "clear file oid success.\n"
+                  "clear file tid error.\n"
+                  "clear file inherit_flag success.\n"
+                  "clear pkg id success.\n");
   EXPECT_EQ(fake.calls(), (Calls{"clearFileSid()", "clearFileOid()", "clearFileTid()",
                                  "clearFileInheritFlag()", "clearUserSetPkgId()"}));
 
   fake.script("");
   const std::string refusal =
       "param error!!\nthe value of parameter -c is sid/oid/tid/inherit_flag/creator_oid/pkgid\n";
-  expectRun(fake.run({"-d", "-c", "oid", "pkg_id", "sid"}),
-            bar + "clear file oid success.\n" + refusal, 1);
-  expectRun(fake.run({"-d", "--clear", "sid"}), bar + refusal, 1);
+  fake.expect({"-d", "-c", "oid", "pkg_id", "sid"},
+              kDeleteRule + "clear file oid success.\n" + refusal, 1);
+  fake.expect({"-d", "--clear", "sid"}, kDeleteRule + refusal, 1);
   EXPECT_EQ(fake.calls(), (Calls{"clearFileOid()"}));
 }
 

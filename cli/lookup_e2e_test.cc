@@ -13,31 +13,23 @@ namespace {
 
 using Calls = std::vector<std::string>;
 
-void expectRun(const ToolResult& r, const std::string& out, int status) {
-  EXPECT_EQ(r.out, out);
-  EXPECT_EQ(r.err, "");
-  EXPECT_EQ(r.status, status);
-  EXPECT_EQ(r.signal, 0);
-}
-
 TEST(LookupE2eTest, RestoreAndInitPrintTheNewLabel) {
   FakeLabelManager fake;
   fake.script(
       "restoreSingleFileLabel @/f text=LABEL-A\n"
       "restoreSingleFileInitLabel @/f text=LABEL-B\n");
-  expectRun(fake.run({"-r", "-l", "/f"}), "/f restore label success, new label: LABEL-A\n", 0);
-  expectRun(fake.run({"--init", "--label", "/f"}), "/f init label success, init label: LABEL-B\n",
-            0);
-  expectRun(fake.run({"-r", "-l", "/g"}), "/g restore label failed...\n", 1);
-  expectRun(fake.run({"-i", "-l", "/g"}), "/g init label failed...\n", 1);
+  fake.expect({"-r", "-l", "/f"}, "/f restore label success, new label: LABEL-A\n");
+  fake.expect({"--init", "--label", "/f"}, "/f init label success, init label: LABEL-B\n");
+  fake.expect({"-r", "-l", "/g"}, "/g restore label failed...\n", 1);
+  fake.expect({"-i", "-l", "/g"}, "/g init label failed...\n", 1);
   EXPECT_EQ(fake.calls(),
             (Calls{"restoreSingleFileLabel(\"/f\")", "restoreSingleFileInitLabel(\"/f\")",
                    "restoreSingleFileLabel(\"/g\")", "restoreSingleFileInitLabel(\"/g\")"}));
 
   fake.script("");
   const std::string empty = "The parameter is incorrect, the file path is empty...\n";
-  expectRun(fake.run({"-r"}), empty, 1);
-  expectRun(fake.run({"-i", "-o", "/f"}), empty, 1);
+  fake.expect({"-r"}, empty, 1);
+  fake.expect({"-i", "-o", "/f"}, empty, 1);
   EXPECT_TRUE(fake.calls().empty());
 }
 
@@ -58,16 +50,16 @@ TEST(LookupE2eTest, ModuleDeviceAndPackageNameLookups) {
       "getKernelModuleOid @ext4 value=abc\n"
       "getKernelModuleOid ret=-1\n"
       "getDeviceOid value=ffffffffffffffff\n");
-  expectRun(fake.run({"-g", "-k", "ext4", "-e", "/dev/sda"}),
-            "module Oid:0000000000000abc\ndevice Oid:ffffffffffffffff\n", 0);
+  fake.expect({"-g", "-k", "ext4", "-e", "/dev/sda"},
+              "module Oid:0000000000000abc\ndevice Oid:ffffffffffffffff\n");
   // A failed module lookup stops the chain before the device.
-  expectRun(fake.run({"-g", "-k", "nope", "-e", "/dev/sda"}), "get kernel module oid error..\n", 1);
+  fake.expect({"-g", "-k", "nope", "-e", "/dev/sda"}, "get kernel module oid error..\n", 1);
   EXPECT_EQ(fake.calls(), (Calls{"getKernelModuleOid(\"ext4\")", "getDeviceOid(\"/dev/sda\")",
                                  "getKernelModuleOid(\"nope\")"}));
 
   fake.script("getDeviceOid ret=-2\ngetPkgNameById null\n");
-  expectRun(fake.run({"-g", "-e", "/dev/x"}), "get device oid error..\n", 1);
-  expectRun(fake.run({"-g", "-q", "0x1f"}), "get pkg name by id error\n", 1);
+  fake.expect({"-g", "-e", "/dev/x"}, "get device oid error..\n", 1);
+  fake.expect({"-g", "-q", "0x1f"}, "get pkg name by id error\n", 1);
 }
 
 TEST(LookupE2eTest, PolicySelfTestPrintsWhatTheLibraryResolved) {
@@ -79,17 +71,16 @@ TEST(LookupE2eTest, PolicySelfTestPrintsWhatTheLibraryResolved) {
       "getLabelSetStatus ret=26\n");
   // Kinds and items in key order; package kinds show the first number only;
   // the stream stays hexadecimal for the status.
-  expectRun(fake.run({"-g", "-b"}),
-            "policies_parse test begin\n"
-            "object_file:/etc/b 0000000000000001-0000000000000002-0000000000000003\n"
-            "object_recurfile:/home/*/desktop/* "
-            "0000000000000004-0000000000000005-0000000000000006\n"
-            "object_recurfile:/home/*/desktop/* "
-            "0000000000000007-0000000000000008-0000000000000009\n"
-            "subject_pkg:vim 000000000000001f\n"
-            "policies_parse test end\n"
-            "LabelSetStatus: 1a\n",
-            0);
+  fake.expect({"-g", "-b"},
+              "policies_parse test begin\n"
+              "object_file:/etc/b 0000000000000001-0000000000000002-0000000000000003\n"
+              "object_recurfile:/home/*/desktop/* "
+              "0000000000000004-0000000000000005-0000000000000006\n"
+              "object_recurfile:/home/*/desktop/* "
+              "0000000000000007-0000000000000008-0000000000000009\n"
+              "subject_pkg:vim 000000000000001f\n"
+              "policies_parse test end\n"
+              "LabelSetStatus: 1a\n");
   EXPECT_EQ(fake.calls(),
             (Calls{"policies_parse(object_file: \"/etc/b\" \"/boot/config-6.6.10\"; "
                    "object_recurfile: \"/home/*/desktop/*\" \"/home/tst/desktop/*\"; "
@@ -104,7 +95,7 @@ TEST(LookupE2eTest, PolicySelfTestPrintsWhatTheLibraryResolved) {
   EXPECT_EQ(r.status, 0);
 
   fake.script("policies_parse ret=-1\n");
-  expectRun(fake.run({"-g", "-b"}), "policies_parse test begin\npolicies_parse error!\n", 1);
+  fake.expect({"-g", "-b"}, "policies_parse test begin\npolicies_parse error!\n", 1);
 }
 
 TEST(LookupE2eTest, ListenerPrintsMessagesUntilAReceiveFails) {
@@ -114,22 +105,22 @@ TEST(LookupE2eTest, ListenerPrintsMessagesUntilAReceiveFails) {
       "recvLabelChangeMsg null\n"
       "recvLabelChangeMsg text=pkg set-id vim 000000000000001f\n"
       "recvLabelChangeMsg ret=1\n");
-  expectRun(fake.run({"-S", "-T", "file set"}),
-            "Recviced: file set-oid /f 1\n"
-            "Recviced: \n"
-            "Recviced: pkg set-id vim 000000000000001f\n"
-            "recvice file label change message error.\n",
-            1);
+  fake.expect({"-S", "-T", "file set"},
+              "Recviced: file set-oid /f 1\n"
+              "Recviced: \n"
+              "Recviced: pkg set-id vim 000000000000001f\n"
+              "recvice file label change message error.\n",
+              1);
   EXPECT_EQ(fake.calls(), (Calls{"createSubscriber()", "subscribeLabelChangeMsg(\"file set\")",
                                  "recvLabelChangeMsg()", "recvLabelChangeMsg()",
                                  "recvLabelChangeMsg()", "recvLabelChangeMsg()"}));
 
   fake.script("subscribeLabelChangeMsg ret=-1\n");
-  expectRun(fake.run({"--subscribe"}), "subscribe file label change message error.\n", 1);
+  fake.expect({"--subscribe"}, "subscribe file label change message error.\n", 1);
   EXPECT_EQ(fake.calls(), (Calls{"createSubscriber()", "subscribeLabelChangeMsg(\"\")"}));
 
   fake.script("recvLabelChangeMsg ret=5\n");
-  expectRun(fake.run({"-S"}), "recvice file label change message error.\n", 1);
+  fake.expect({"-S"}, "recvice file label change message error.\n", 1);
 }
 
 }  // namespace

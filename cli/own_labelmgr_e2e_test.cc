@@ -42,7 +42,7 @@ TEST_F(OwnLabelMgrE2eTest, FieldsRestoreAndPackageIds) {
   EXPECT_EQ(run({"-g", "-u", "-o", "--all"}).out,
             file_ + ", oid : 0x000000000000001f-0x0000000000000002-0x0000000000000003\n");
   EXPECT_EQ(run({"-d", "-o", file_}).out,
-            std::string(32, '=') + "\n" + file_ + "\ndelete file oid success. " + file_ + "\n");
+            kDeleteRule + file_ + "\ndelete file oid success. " + file_ + "\n");
   EXPECT_EQ(run({"-g", "-u", "-o", "--all"}).out, "No oid has been set for any file.\n");
   EXPECT_EQ(run({"-g", "-u", "-t", file_}).out, file_ + ", tid : 0x0000000c\n");
 
@@ -86,9 +86,7 @@ TEST_F(OwnLabelMgrE2eTest, ListenerReceivesAChangeMadeByAnotherRun) {
   ToolResult listened;
   // A listener never ends by itself: it is stopped after its first line, or
   // at the time limit if nothing comes.
-  std::thread listener([&] {
-    listened = runTool({"-S", "-T", "file set-oid"}, {}, false, 20, "\n");
-  });
+  std::thread listener([&] { listened = runTool({"-S", "-T", "file set-oid"}, {}, 20, "\n"); });
   // Publish once the listener's endpoint exists; a change published before
   // the subscription is not promised to anyone.
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);

@@ -1,12 +1,13 @@
 #include "cli/tool_runner.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstring>
@@ -70,8 +71,8 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 
 }  // namespace
 
-ToolResult runTool(const std::vector<std::string>& args, const Environment& env, bool asNobody,
-                   int timeoutSeconds, const std::string& stopAt) {
+ToolResult runTool(const std::vector<std::string>& args, const Environment& env,
+                   double timeoutSeconds, const std::string& stopAt) {
   std::vector<std::string> argvTexts{"zorv-label-manager-tool"};
   argvTexts.insert(argvTexts.end(), args.begin(), args.end());
   std::vector<std::string> envTexts = mergedEnvironment(env);
@@ -90,9 +91,6 @@ ToolResult runTool(const std::vector<std::string>& args, const Environment& env,
     // An abnormal end is expected in some tests; leave no core file behind.
     const struct rlimit noCore = {0, 0};
     setrlimit(RLIMIT_CORE, &noCore);
-    if (asNobody && (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0)) {
-      _exit(126);
-    }
     execve(ZORV_TOOL_PATH, argv.data(), envp.data());
     _exit(127);
   }
@@ -100,7 +98,8 @@ ToolResult runTool(const std::vector<std::string>& args, const Environment& env,
   err.closeWrite();
 
   ToolResult result;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
+  const auto deadline = std::chrono::steady_clock::now() +
+                        std::chrono::milliseconds(static_cast<long>(timeoutSeconds * 1000));
   bool killed = false;
   struct pollfd fds[2] = {{out.read(), POLLIN, 0}, {err.read(), POLLIN, 0}};
   std::string* sinks[2] = {&result.out, &result.err};
@@ -137,6 +136,13 @@ ToolResult runTool(const std::vector<std::string>& args, const Environment& env,
   return result;
 }
 
+void expectResult(const ToolResult& r, const std::string& out, int status, const std::string& err) {
+  EXPECT_EQ(r.out, out);
+  EXPECT_EQ(r.err, err);
+  EXPECT_EQ(r.status, status);
+  EXPECT_EQ(r.signal, 0);
+}
+
 std::string fakeLabelManagerDir() { return ZORV_FAKE_LABELMGR_DIR; }
 
 FakeLabelManager::FakeLabelManager() { script(""); }
@@ -146,12 +152,16 @@ void FakeLabelManager::script(const std::string& rules) {
   writeTextFile(dir_ / "calls", "");
 }
 
-ToolResult FakeLabelManager::run(const std::vector<std::string>& args, Environment env,
-                                 bool asNobody) const {
+ToolResult FakeLabelManager::run(const std::vector<std::string>& args, Environment env) const {
   env["LD_LIBRARY_PATH"] = fakeLabelManagerDir();
   env["ZORV_FAKE_LABELMGR_SCRIPT"] = dir_ / "script";
   env["ZORV_FAKE_LABELMGR_LOG"] = dir_ / "calls";
-  return runTool(args, env, asNobody);
+  return runTool(args, env);
+}
+
+void FakeLabelManager::expect(const std::vector<std::string>& args, const std::string& out,
+                              int status, const std::string& err) const {
+  expectResult(run(args), out, status, err);
 }
 
 std::vector<std::string> FakeLabelManager::calls() const {

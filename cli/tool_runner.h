@@ -22,12 +22,17 @@ using Environment = std::map<std::string, std::string>;
 
 /// Runs the tool (argv[0] "zorv-label-manager-tool") with `args`, stdin from
 /// /dev/null, the test process's environment plus `env` (an empty value
-/// removes the variable), no core file, and with `asNobody` as uid and gid
-/// 65534 (tests run as root, which no permission stops). A run still going
-/// after `timeoutSeconds`, or once its standard output holds `stopAt` (when
-/// not empty), is killed with SIGKILL.
+/// removes the variable) and no core file. A run still going after `timeoutSeconds`, or once its
+/// standard output holds `stopAt` (when not empty), is killed with SIGKILL.
 ToolResult runTool(const std::vector<std::string>& args, const Environment& env = {},
-                   bool asNobody = false, int timeoutSeconds = 30, const std::string& stopAt = "");
+                   double timeoutSeconds = 30, const std::string& stopAt = "");
+
+/// The rule every delete run prints first.
+inline const std::string kDeleteRule = std::string(32, '=') + "\n";
+
+/// Expects exactly `out` and `err` from `r`, exit status `status` and no signal.
+void expectResult(const ToolResult& r, const std::string& out, int status = 0,
+                  const std::string& err = "");
 
 /// The directory of our label manager library's test double.
 std::string fakeLabelManagerDir();
@@ -41,12 +46,13 @@ class FakeLabelManager {
   /// empties the call log.
   void script(const std::string& rules);
   /// Runs the tool against the double.
-  ToolResult run(const std::vector<std::string>& args, Environment env = {},
-                 bool asNobody = false) const;
+  ToolResult run(const std::vector<std::string>& args, Environment env = {}) const;
+  /// Runs the tool against the double and expects exactly `out` and `err`,
+  /// exit status `status` and no signal.
+  void expect(const std::vector<std::string>& args, const std::string& out, int status = 0,
+              const std::string& err = "") const;
   /// Every call the double received, one "operation(arguments)" per entry.
   std::vector<std::string> calls() const;
-  /// The temporary directory, for files a test needs beside the script.
-  const ScopedTempDir& dir() const { return dir_; }
 
  private:
   ScopedTempDir dir_;

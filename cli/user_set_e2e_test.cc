@@ -12,13 +12,6 @@ namespace {
 
 using Calls = std::vector<std::string>;
 
-void expectOut(const ToolResult& r, const std::string& out) {
-  EXPECT_EQ(r.out, out);
-  EXPECT_EQ(r.err, "");
-  EXPECT_EQ(r.status, 0);  // a query never fails the run
-  EXPECT_EQ(r.signal, 0);
-}
-
 TEST(UserSetE2eTest, FileFieldsListRecordsWithTheirOwnWidths) {
   FakeLabelManager fake;
   fake.script(
@@ -26,14 +19,14 @@ TEST(UserSetE2eTest, FileFieldsListRecordsWithTheirOwnWidths) {
       "showUserSetFileSid rec=/s|4,5,6\n"
       "showUserSetFileTid rec=/t|123456789 rec=/u|7\n"
       "showUserSetFileInheritFlag rec=/n|5\n");
-  expectOut(fake.run({"-g", "-u", "-o", "--all"}),
-            "/a, oid : 0x0000000000000001-0x0000000000000002-0x0000000000000003\n"
-            "/b, oid : 0xffffffffffffffff-0x0000000000000000-0x000000000000000a\n");
-  expectOut(fake.run({"-g", "-u", "-m", "--all"}),
-            "/s, sid : 0x0000000000000004-0x0000000000000005-0x0000000000000006\n");
+  fake.expect({"-g", "-u", "-o", "--all"},
+              "/a, oid : 0x0000000000000001-0x0000000000000002-0x0000000000000003\n"
+              "/b, oid : 0xffffffffffffffff-0x0000000000000000-0x000000000000000a\n");
+  fake.expect({"-g", "-u", "-m", "--all"},
+              "/s, sid : 0x0000000000000004-0x0000000000000005-0x0000000000000006\n");
   // TID and flag print the whole first value, at least eight digits.
-  expectOut(fake.run({"-g", "-u", "-t", "--all"}), "/t, tid : 0x123456789\n/u, tid : 0x00000007\n");
-  expectOut(fake.run({"-P", "-g", "-u", "-n", "--all"}), "/n, inherit_flag : 0x00000005\n");
+  fake.expect({"-g", "-u", "-t", "--all"}, "/t, tid : 0x123456789\n/u, tid : 0x00000007\n");
+  fake.expect({"-P", "-g", "-u", "-n", "--all"}, "/n, inherit_flag : 0x00000005\n");
   EXPECT_EQ(fake.calls(), (Calls{"showUserSetFileOid()", "showUserSetFileSid()",
                                  "showUserSetFileTid()", "showUserSetFileInheritFlag()"}));
 }
@@ -45,18 +38,18 @@ TEST(UserSetE2eTest, QueriesPassThePatternFlagAndReportNoneOrFailure) {
       "queryUserSetFileSid ret=-3\n"
       "queryUserSetFileTid ret=-2\n"
       "queryUserSetFileInheritFlag ret=0\n");
-  expectOut(fake.run({"-g", "-u", "-o", "/d/*", "-P"}), "No oid has been set for any file.\n");
-  expectOut(fake.run({"-g", "-u", "-m", "/f"}), "query user set sid failed, count = -3\n");
-  expectOut(fake.run({"-g", "-u", "-t", "/f"}), "query user set tid failed, count = -2\n");
-  expectOut(fake.run({"-g", "-u", "-n", "/f"}), "No inherit_flag has been set for any file.\n");
+  fake.expect({"-g", "-u", "-o", "/d/*", "-P"}, "No oid has been set for any file.\n");
+  fake.expect({"-g", "-u", "-m", "/f"}, "query user set sid failed, count = -3\n");
+  fake.expect({"-g", "-u", "-t", "/f"}, "query user set tid failed, count = -2\n");
+  fake.expect({"-g", "-u", "-n", "/f"}, "No inherit_flag has been set for any file.\n");
   EXPECT_EQ(fake.calls(),
             (Calls{"queryUserSetFileOid(\"/d/*\", 1)", "queryUserSetFileSid(\"/f\", 0)",
                    "queryUserSetFileTid(\"/f\", 0)", "queryUserSetFileInheritFlag(\"/f\", 0)"}));
 
   fake.script("showUserSetFileSid ret=-1\nshowUserSetFileTid ret=0\n");
-  expectOut(fake.run({"-g", "-u", "-m", "--all"}), "query user set sid failed, count = -1\n");
-  expectOut(fake.run({"-g", "-u", "-t", "--all"}), "No tid has been set for any file.\n");
-  expectOut(fake.run({"-g", "-u", "-o", "--all"}), "No oid has been set for any file.\n");
+  fake.expect({"-g", "-u", "-m", "--all"}, "query user set sid failed, count = -1\n");
+  fake.expect({"-g", "-u", "-t", "--all"}, "No tid has been set for any file.\n");
+  fake.expect({"-g", "-u", "-o", "--all"}, "No oid has been set for any file.\n");
 }
 
 TEST(UserSetE2eTest, PackageIdsByNameOrAll) {
@@ -66,24 +59,23 @@ TEST(UserSetE2eTest, PackageIdsByNameOrAll) {
       "queryUserSetPkgId @vim value=1f\n"
       "queryUserSetPkgId ret=1\n");
   // -p is answered first; the other selectors are ignored.
-  expectOut(fake.run({"-g", "-u", "-p", "--all", "-o", "/f"}),
-            "vim, pkgid : 0x000000000000001f\nbash, pkgid : 0xffffffffffffffff\n");
-  expectOut(fake.run({"-g", "-u", "-p", "vim"}), "vim, pkgid : 0x000000000000001f\n");
-  expectOut(fake.run({"-g", "-u", "-p", "nano"}), "No id has been set for the nano package\n");
+  fake.expect({"-g", "-u", "-p", "--all", "-o", "/f"},
+              "vim, pkgid : 0x000000000000001f\nbash, pkgid : 0xffffffffffffffff\n");
+  fake.expect({"-g", "-u", "-p", "vim"}, "vim, pkgid : 0x000000000000001f\n");
+  fake.expect({"-g", "-u", "-p", "nano"}, "No id has been set for the nano package\n");
   EXPECT_EQ(fake.calls(), (Calls{"showUserSetPkgId()", "queryUserSetPkgId(\"vim\")",
                                  "queryUserSetPkgId(\"nano\")"}));
 
   fake.script("showUserSetPkgId ret=0\n");
-  expectOut(fake.run({"-g", "-u", "-p", "--all"}), "No package id has been set.\n");
+  fake.expect({"-g", "-u", "-p", "--all"}, "No package id has been set.\n");
   fake.script("showUserSetPkgId ret=-4\n");
-  expectOut(fake.run({"-g", "-u", "-p", "--all"}),
-            "Failed to show the user setting id, count = -4\n");
+  fake.expect({"-g", "-u", "-p", "--all"}, "Failed to show the user setting id, count = -4\n");
 }
 
 TEST(UserSetE2eTest, WithoutAFieldSelectorTheGetChainRuns) {
   FakeLabelManager fake;
   fake.script("getKernelModuleOid value=2a\n");
-  expectOut(fake.run({"-g", "-u", "-k", "ext4"}), "module Oid:000000000000002a\n");
+  fake.expect({"-g", "-u", "-k", "ext4"}, "module Oid:000000000000002a\n");
   EXPECT_EQ(fake.calls(), (Calls{"getKernelModuleOid(\"ext4\")"}));
 }
 

@@ -19,11 +19,15 @@
 namespace zorv_fault {
 namespace {
 
+using zorv_testing::expectResult;
 using zorv_testing::runTool;
 using zorv_testing::ToolResult;
 
 const std::string kOid123 = "0000000000000001-0000000000000002-0000000000000003";
 const std::string kOid456 = "0000000000000004-0000000000000005-0000000000000006";
+// How the user-set listing shows OID 1-2-3 and 4-5-6.
+const std::string kListed123 = ", oid : 0x0000000000000001-0x0000000000000002-0x0000000000000003\n";
+const std::string kListed456 = ", oid : 0x0000000000000004-0x0000000000000005-0x0000000000000006\n";
 
 // The raw attribute value, "" when there is none.
 std::string rawLabel(const std::string& path) {
@@ -38,22 +42,22 @@ std::string oidOf(const std::string& path) {
   return label.oid_.toString();
 }
 
+// Each test starts with a small tmpfs mounted on base_/`mountName_`.
 class FullFileSystemTest : public zorv_testing::OwnLibraryTest {
  protected:
-  // Mounts a small tmpfs on base_/`name`; an empty answer means it is there.
-  std::string mountSmall(const std::string& name, const std::string& options) {
-    fs_ = std::make_unique<SmallFileSystem>(base_ + "/" + name, options);
-    return fs_->error();
+  void SetUp() override {
+    fs_ = std::make_unique<SmallFileSystem>(base_ + "/" + mountName_, mountOptions_);
+    if (!fs_->error().empty()) GTEST_SKIP() << fs_->error();
   }
 
   std::string userSet(const char* field) { return runTool({"-g", "-u", field, "--all"}).out; }
 
+  std::string mountName_ = "fs";
+  std::string mountOptions_ = "size=4m,nr_inodes=256";
   std::unique_ptr<SmallFileSystem> fs_;  // unmounted before tmp_ goes
 };
 
 TEST_F(FullFileSystemTest, SingleFileSetsWithNoRoomForTheAttributeChangeNothing) {
-  if (std::string why = mountSmall("fs", "size=4m,nr_inodes=256"); !why.empty())
-    GTEST_SKIP() << why;
   const std::string file = base_ + "/fs/app.conf";
   const std::string fresh = base_ + "/fs/new.conf";
   zorv_testing::writeTextFile(file, "x");
@@ -63,33 +67,24 @@ TEST_F(FullFileSystemTest, SingleFileSetsWithNoRoomForTheAttributeChangeNothing)
   ASSERT_FALSE(before.empty());
   if (!fs_->fillAttributeSpace()) GTEST_SKIP() << fs_->error();
 
-  ToolResult r = runTool({"-a", "-o", file, "4", "5", "6"});
-  EXPECT_EQ(r.out, "set file oid error. " + file + "\n");
-  EXPECT_EQ(r.status, 1);
-  r = runTool({"-a", "-o", fresh, "4", "5", "6"});
-  EXPECT_EQ(r.out, "set file oid error. " + fresh + "\n");
-  EXPECT_EQ(r.status, 1);
+  expectResult(runTool({"-a", "-o", file, "4", "5", "6"}), "set file oid error. " + file + "\n", 1);
+  expectResult(runTool({"-a", "-o", fresh, "4", "5", "6"}), "set file oid error. " + fresh + "\n",
+               1);
   // A failed TID set still ends with 0.
-  r = runTool({"-a", "-t", file, "9"});
-  EXPECT_EQ(r.out, "set file tid error. " + file + "\n");
-  EXPECT_EQ(r.status, 0);
+  expectResult(runTool({"-a", "-t", file, "9"}), "set file tid error. " + file + "\n");
 
   EXPECT_EQ(rawLabel(file), before);
   EXPECT_EQ(rawLabel(fresh), "");
-  EXPECT_EQ(userSet("-o"),
-            file + ", oid : 0x0000000000000001-0x0000000000000002-0x0000000000000003\n");
+  EXPECT_EQ(userSet("-o"), file + kListed123);
   EXPECT_EQ(userSet("-t"), "No tid has been set for any file.\n");
   EXPECT_EQ(integrityCheck(database()), "ok");
 
   fs_->release();
-  r = runTool({"-a", "-o", file, "4", "5", "6"});
-  EXPECT_EQ(r.out, "set file oid success. " + file + "\n");
+  expectResult(runTool({"-a", "-o", file, "4", "5", "6"}), "set file oid success. " + file + "\n");
   EXPECT_EQ(oidOf(file), kOid456);
 }
 
 TEST_F(FullFileSystemTest, PatternSetWithNoRoomLeavesEveryLabelAndARerunFinishes) {
-  if (std::string why = mountSmall("fs", "size=4m,nr_inodes=256"); !why.empty())
-    GTEST_SKIP() << why;
   std::vector<std::string> files;
   for (int i = 0; i < 50; ++i) {
     files.push_back(base_ + "/fs/dir/f" + std::to_string(i));
@@ -99,25 +94,20 @@ TEST_F(FullFileSystemTest, PatternSetWithNoRoomLeavesEveryLabelAndARerunFinishes
   ASSERT_EQ(runTool({"-P", "-a", "-o", pattern, "1", "2", "3"}).status, 0);
   if (!fs_->fillAttributeSpace()) GTEST_SKIP() << fs_->error();
 
-  ToolResult r = runTool({"-P", "-a", "-o", pattern, "4", "5", "6"});
-  EXPECT_EQ(r.out, "set file oid error. " + pattern + "\n");
-  EXPECT_EQ(r.status, 1);
+  const std::vector<std::string> setOid{"-P", "-a", "-o", pattern, "4", "5", "6"};
+  expectResult(runTool(setOid), "set file oid error. " + pattern + "\n", 1);
   for (const std::string& file : files) ASSERT_EQ(oidOf(file), kOid123) << file;
   EXPECT_EQ(integrityCheck(database()), "ok");
 
   fs_->release();
-  r = runTool({"-P", "-a", "-o", pattern, "4", "5", "6"});
-  EXPECT_EQ(r.out, "set file oid success. " + pattern + "\n");
+  expectResult(runTool(setOid), "set file oid success. " + pattern + "\n");
   for (const std::string& file : files) ASSERT_EQ(oidOf(file), kOid456) << file;
-  EXPECT_EQ(userSet("-o"),
-            pattern + ", oid : 0x0000000000000004-0x0000000000000005-0x0000000000000006\n");
+  EXPECT_EQ(userSet("-o"), pattern + kListed456);
 }
 
 // Entries that cannot be written are left as they were and are not taken as
 // verified: the next run, with room again, labels them.
 TEST_F(FullFileSystemTest, TreeLabellingWithNoRoomKeepsOldLabelsAndARerunFinishes) {
-  if (std::string why = mountSmall("fs", "size=4m,nr_inodes=256"); !why.empty())
-    GTEST_SKIP() << why;
   const std::string root = base_ + "/fs/tree";
   for (int i = 0; i < 40; ++i)
     zorv_testing::writeTextFile(root + "/d" + std::to_string(i % 4) + "/f" + std::to_string(i), "");
@@ -153,9 +143,13 @@ TEST_F(FullFileSystemTest, TreeLabellingWithNoRoomKeepsOldLabelsAndARerunFinishe
 // The state database on a full file system, the labelled file elsewhere.
 class FullStateTest : public FullFileSystemTest {
  protected:
+  FullStateTest() {
+    mountName_ = "state";
+    mountOptions_ = "size=512k";
+  }
   void SetUp() override {
     FullFileSystemTest::SetUp();
-    if (std::string why = mountSmall("state", "size=512k"); !why.empty()) GTEST_SKIP() << why;
+    if (IsSkipped()) return;
     file_ = base_ + "/files/app.conf";
     zorv_testing::writeTextFile(file_, "x");
     ASSERT_EQ(runTool({"-a", "-o", file_, "1", "2", "3"}).status, 0);
@@ -166,13 +160,11 @@ class FullStateTest : public FullFileSystemTest {
   // checks that nothing changed.
   void expectFailedSetChangesNothing() {
     ASSERT_TRUE(fs_->fillBlocks()) << fs_->error();
-    const ToolResult r = runTool({"-a", "-o", file_, "4", "5", "6"});
-    EXPECT_EQ(r.out, "set file oid error. " + file_ + "\n");
-    EXPECT_EQ(r.status, 1);
+    expectResult(runTool({"-a", "-o", file_, "4", "5", "6"}), "set file oid error. " + file_ + "\n",
+                 1);
     EXPECT_EQ(rawLabel(file_), before_) << "now " << oidOf(file_);
     fs_->release();
-    EXPECT_EQ(userSet("-o"),
-              file_ + ", oid : 0x0000000000000001-0x0000000000000002-0x0000000000000003\n");
+    EXPECT_EQ(userSet("-o"), file_ + kListed123);
     EXPECT_EQ(integrityCheck(database()), "ok");
   }
 

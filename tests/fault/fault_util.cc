@@ -2,13 +2,8 @@
 
 #include <fcntl.h>
 #include <sched.h>
-#include <signal.h>
 #include <sqlite3.h>
-#include <stdlib.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -16,61 +11,15 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <thread>
 
-#include "cli/tool_runner.h"
 #include "testing/test_util.h"
 
-extern char** environ;
-
 namespace zorv_fault {
-namespace {
-
-constexpr char kAttribute[] = "security.zorv";
-
-}  // namespace
-
-CutRun runAndKill(const std::vector<std::string>& args, std::chrono::milliseconds delay) {
-  std::vector<std::string> texts{"zorv-label-manager-tool"};
-  texts.insert(texts.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (std::string& text : texts) argv.push_back(text.data());
-  argv.push_back(nullptr);
-
-  CutRun result;
-  result.delay = delay;
-  const pid_t pid = fork();
-  if (pid < 0) return result;
-  if (pid == 0) {
-    const int null = open("/dev/null", O_RDWR);
-    if (null < 0 || dup2(null, 0) < 0 || dup2(null, 1) < 0 || dup2(null, 2) < 0) _exit(126);
-    const struct rlimit noCore = {0, 0};
-    setrlimit(RLIMIT_CORE, &noCore);
-    execve(ZORV_TOOL_PATH, argv.data(), environ);
-    _exit(127);
-  }
-  std::this_thread::sleep_for(delay);
-  kill(pid, SIGKILL);  // harmless when the run already ended: the child waits to be reaped
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  result.killed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
-  if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
-  return result;
-}
-
-std::chrono::milliseconds timeRun(const std::vector<std::string>& args) {
-  const auto start = std::chrono::steady_clock::now();
-  const zorv_testing::ToolResult run = zorv_testing::runTool(args, {}, false, 300);
-  const auto elapsed = std::chrono::steady_clock::now() - start;
-  if (run.status != 0) return std::chrono::milliseconds(-1);
-  return std::chrono::duration_cast<std::chrono::milliseconds>(elapsed);
-}
 
 LabelState readLabel(const std::string& path, Label* label) {
   *label = Label();
   unsigned char value[256];
-  const ssize_t size = lgetxattr(path.c_str(), kAttribute, value, sizeof value);
+  const ssize_t size = lgetxattr(path.c_str(), "security.zorv", value, sizeof value);
   if (size < 0) return errno == ENODATA ? LabelState::kAbsent : LabelState::kMalformed;
   if (size == 0) return LabelState::kMalformed;
   try {
@@ -91,19 +40,14 @@ std::string integrityCheck(const std::string& path) {
     return "cannot open " + path + ": " + error;
   }
   sqlite3_busy_timeout(db, 10000);
-  sqlite3_stmt* check = nullptr;
   std::string result;
-  if (sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &check, nullptr) != SQLITE_OK) {
-    result = sqlite3_errmsg(db);
-  } else {
-    int rc;
-    while ((rc = sqlite3_step(check)) == SQLITE_ROW) {
-      if (!result.empty()) result += "; ";
-      result += reinterpret_cast<const char*>(sqlite3_column_text(check, 0));
-    }
-    if (rc != SQLITE_DONE) result += std::string(result.empty() ? "" : "; ") + sqlite3_errmsg(db);
-  }
-  sqlite3_finalize(check);
+  auto addRow = [](void* out, int, char** values, char**) {
+    auto* text = static_cast<std::string*>(out);
+    *text += (text->empty() ? "" : "; ") + std::string(values[0] != nullptr ? values[0] : "");
+    return 0;
+  };
+  if (sqlite3_exec(db, "PRAGMA integrity_check", addRow, &result, nullptr) != SQLITE_OK)
+    result += (result.empty() ? "" : "; ") + std::string(sqlite3_errmsg(db));
   sqlite3_close(db);
   return result;
 }

@@ -1,12 +1,9 @@
-// Helpers for the fault tests: runs of the real tool that are cut short, a
-// reading of every label in a tree that tells missing values from damaged
-// ones, the state database's own consistency check and a small file system
-// that can be filled.
+// Helpers for the fault tests: a reading of every label in a tree that tells
+// missing values from damaged ones, the state database's own consistency check and a small file
+// system that can be filled.
 #ifndef ZORV_TESTS_FAULT_FAULT_UTIL_H_
 #define ZORV_TESTS_FAULT_FAULT_UTIL_H_
 
-#include <chrono>
-#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -14,20 +11,6 @@
 #include "testing/own_library_test.h"
 
 namespace zorv_fault {
-
-/// How a run that was to be cut short ended.
-struct CutRun {
-  bool killed = false;  // SIGKILL landed while the tool was still running
-  int status = -1;      // the exit status when it finished first
-  std::chrono::milliseconds delay{0};
-};
-
-/// Starts the tool with `args` (output discarded) and sends it SIGKILL after
-/// `delay`, unless it has ended by then.
-CutRun runAndKill(const std::vector<std::string>& args, std::chrono::milliseconds delay);
-
-/// Wall time of one complete run of the tool with `args`; the run must exit 0.
-std::chrono::milliseconds timeRun(const std::vector<std::string>& args);
 
 enum class LabelState { kAbsent, kMalformed, kPresent };
 

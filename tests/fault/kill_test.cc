@@ -4,6 +4,7 @@
 // command again must finish the job.
 //
 // The seed of the random delays is printed; ZORV_FAULT_SEED repeats a run.
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -70,26 +71,28 @@ class KillTest : public zorv_testing::OwnLibraryTest {
   // files and describes them in its summary.
   void killRounds(const char* what, const std::function<std::vector<std::string>(int)>& argsOf,
                   const std::function<void(int round, std::string* summary)>& check) {
-    const milliseconds span = timeRun(argsOf(-1));
-    ASSERT_GT(span.count(), 0) << "the uninterrupted " << what << " failed";
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(runTool(argsOf(-1), {}, 300).status, 0) << "the uninterrupted " << what;
+    const auto span =
+        std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - start);
     std::string summary;
     check(-1, &summary);
     if (HasFatalFailure()) return;
     int killed = 0;
     for (int round = 0; round < kRounds; ++round) {
       const milliseconds delay(std::uniform_int_distribution<long>(0, span.count())(random_));
-      const CutRun run = runAndKill(argsOf(round), delay);
+      const ToolResult run = runTool(argsOf(round), {}, delay.count() / 1000.0);
       SCOPED_TRACE("round " + std::to_string(round) + ", killed after " +
                    std::to_string(delay.count()) + " ms of " + std::to_string(span.count()));
-      if (run.killed) {
-        ++killed;
-      } else {
+      const bool wasKilled = run.signal == SIGKILL;
+      killed += wasKilled;
+      if (!wasKilled) {
         ASSERT_EQ(run.status, 0);
       }
       ASSERT_EQ(integrityCheck(database()), "ok");
       check(round, &summary);
       if (HasFatalFailure()) return;
-      std::printf("round %d: %s after %lld ms; %s\n", round, run.killed ? "killed" : "finished",
+      std::printf("round %d: %s after %lld ms; %s\n", round, wasKilled ? "killed" : "finished",
                   static_cast<long long>(delay.count()), summary.c_str());
     }
     EXPECT_GT(killed, 0) << "every run ended before its kill: nothing was tested";
@@ -151,13 +154,13 @@ TEST_F(KillTest, PatternSetKilledMidwayLeavesWholeLabelsAndARerunFinishes) {
                " files relabelled, rule " + (rule == value ? "committed" : "unchanged");
     recorded = rule;
     // The tool's own reading path agrees that every value decodes.
-    const ToolResult shown = runTool({"-g", "-l", pattern}, {}, false, 120);
+    const ToolResult shown = runTool({"-g", "-l", pattern}, {}, 120);
     EXPECT_EQ(shown.status, 0);
     EXPECT_EQ(shown.out.find("get file label failed"), std::string::npos);
   });
   if (HasFatalFailure()) return;
 
-  const ToolResult rerun = runTool(setOid(0x200), {}, false, 300);
+  const ToolResult rerun = runTool(setOid(0x200), {}, 300);
   EXPECT_EQ(rerun.out, "set file oid success. " + pattern + "\n");
   EXPECT_EQ(rerun.status, 0);
   EXPECT_EQ(recordedOid(pattern), 0x200u);
@@ -222,7 +225,7 @@ TEST_F(KillTest, TreeLabellingKilledMidwayLeavesWholeLabelsAndARerunFinishes) {
       [&](int round, std::string* summary) { checkLabels(round < 0, summary); });
   if (HasFatalFailure()) return;
 
-  const ToolResult rerun = runTool(labelTree, {}, false, 300);
+  const ToolResult rerun = runTool(labelTree, {}, 300);
   EXPECT_EQ(rerun.status, 0);
   EXPECT_EQ(rerun.out.rfind("set the label for files begin, please wait...\n"
                             "set the label for files end, cost time = ",
