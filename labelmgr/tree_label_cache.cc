@@ -2,10 +2,12 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "labelmgr/dpkg_db.h"
@@ -140,7 +142,33 @@ TreeCacheEntry TreeLabelCache::entryFor(const struct stat& st, uint64_t pathHash
   return TreeCacheEntry{st.st_dev, st.st_ino, pathHash, ctimeNs(st), st.st_mode, 0};
 }
 
+namespace {
+
+// A run killed while saving leaves its "FILE.tmp.PID" behind; the next run
+// removes those whose process is gone (a live one may be saving right now).
+void removeAbandonedTemporaries(const std::string& file) {
+  size_t slash = file.find_last_of('/');
+  std::string directory = slash == std::string::npos ? "." : file.substr(0, slash + 1);
+  std::string prefix = (slash == std::string::npos ? file : file.substr(slash + 1)) + ".tmp.";
+  DIR* dir = ::opendir(directory.c_str());
+  if (dir == nullptr) return;
+  while (const struct dirent* entry = ::readdir(dir)) {
+    const char* name = entry->d_name;
+    if (std::strncmp(name, prefix.c_str(), prefix.size()) != 0) continue;
+    char* end = nullptr;
+    long pid = std::strtol(name + prefix.size(), &end, 10);
+    if (end == name + prefix.size() || *end != '\0' || pid <= 0 || pid == ::getpid()) continue;
+    if (::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
+      ::unlinkat(::dirfd(dir), name, 0);
+    }
+  }
+  ::closedir(dir);
+}
+
+}  // namespace
+
 void TreeLabelCache::load(const std::string& file, uint64_t fingerprint) {
+  removeAbandonedTemporaries(file);
   table_.clear();
   count_ = 0;
   int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);

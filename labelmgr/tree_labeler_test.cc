@@ -178,7 +178,18 @@ TEST_F(TreeLabelerTest, CachePassesOverOnlyWhatIsUnchanged) {
   EXPECT_EQ(0u, fifth.cached);
   EXPECT_EQ(0u, fifth.written);
   EXPECT_EQ(1u, log.count("ignoring the damaged or foreign tree label cache " + cache));
+
+  // What a run killed while saving left behind goes; a live run's file stays.
+  pid_t dead = fork();
+  if (dead == 0) _exit(0);
+  ASSERT_EQ(dead, waitpid(dead, nullptr, 0));
+  std::string abandoned = cache + ".tmp." + std::to_string(dead);
+  std::string inUse = cache + ".tmp." + std::to_string(getppid());
+  writeTextFile(abandoned, "partial");
+  writeTextFile(inUse, "partial");
   EXPECT_EQ(5u, runTree(root_, {}, cache).cached);
+  EXPECT_NE(0, access(abandoned.c_str(), F_OK));
+  EXPECT_EQ(0, access(inUse.c_str(), F_OK));
 }
 
 TEST_F(TreeLabelerTest, ExcludesAndUnusableRoots) {
