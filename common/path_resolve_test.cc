@@ -134,8 +134,6 @@ TEST(IsFilesystemReadOnlyTest, WritableAndFailing) {
   EXPECT_FALSE(isFilesystemReadOnly(dir.path().c_str()));
   LogCapture capture;
   EXPECT_FALSE(isFilesystemReadOnly((dir / "missing").c_str()));
-  EXPECT_EQ(std::vector<std::string>{"ERROR [isFilesystemReadOnly] statfs error, No such file or "
-                                     "directory, " +
-                                     (dir / "missing")},
-            capture.records());
+  const std::string why = "statfs error, No such file or directory, " + (dir / "missing");
+  EXPECT_EQ(std::vector<std::string>{"ERROR [isFilesystemReadOnly] " + why}, capture.records());
 }

@@ -57,24 +57,21 @@ TEST(LabelXattrTest, MissingValueIsQuietBadValuesAndMissingFilesAreErrors) {
   std::filesystem::create_symlink(dir / "nowhere", dangling);
 
   LogCapture capture;
+  const std::string getError = "ERROR [getFromXattr] LabelError: ";
   EXPECT_EQ(-1, Label().getFromXattr(plain, false));
-  EXPECT_EQ(
-      (std::vector<std::string>{"DEBUG [getFromXattr] Extended attribute not found: " + plain}),
-      capture.records());
+  EXPECT_EQ(std::vector<std::string>{"DEBUG [getFromXattr] Extended attribute not found: " + plain},
+            capture.records());
   EXPECT_EQ(-1, Label().getFromXattr(empty, false));
-  EXPECT_EQ(
-      1u,
-      capture.countRecord(
-          "ERROR [getFromXattr] LabelError: Extended attribute is empty: security.zorv: " + empty));
+  EXPECT_EQ(1u,
+            capture.countRecord(getError + "Extended attribute is empty: security.zorv: " + empty));
   EXPECT_EQ(-1, Label().getFromXattr(tenBytes, false));
-  EXPECT_EQ(1u, capture.countRecord("ERROR [getFromXattr] LabelError: Label deserialization "
-                                    "failed: Buffer size is invalid: " +
-                                    tenBytes));
+  EXPECT_EQ(
+      1u, capture.countRecord(getError +
+                              "Label deserialization failed: Buffer size is invalid: " + tenBytes));
   // Existence is judged through the link even when the link itself is meant.
   EXPECT_EQ(-1, Label().getFromXattr(dangling, true));
   EXPECT_EQ(-1, sample().setToXattr(dangling, true));
-  EXPECT_EQ(1u, capture.countRecord("ERROR [getFromXattr] LabelError: File does not exist: : " +
-                                    dangling));
+  EXPECT_EQ(1u, capture.countRecord(getError + "File does not exist: : " + dangling));
   EXPECT_EQ(
       1u, capture.countRecord("ERROR [setToXattr] LabelError: File does not exist: : " + dangling));
 }
@@ -89,10 +86,8 @@ TEST(LabelXattrTest, SetOnFileSystemWithoutAttributes) {
   LogCapture capture;
   EXPECT_EQ(-1, sample().setToXattr(file, false));
   EXPECT_EQ(1u, capture.countRecord("DEBUG [setToXattr] setxattr: -1, path: " + file));
-  EXPECT_EQ(
-      1u, capture.countRecord(
-              "ERROR [setToXattr] LabelError: Filesystem does not support extended attributes: : " +
-              file));
+  const std::string why = "Filesystem does not support extended attributes: : " + file;
+  EXPECT_EQ(1u, capture.countRecord("ERROR [setToXattr] LabelError: " + why));
 }
 
 TEST(LabelXattrTest, UnsearchableDirectoryIsOtherFailure) {

@@ -87,12 +87,9 @@ TEST(LoggerFallbackTest, ConfiguredLogFilesGetMode0640) {
   writeTextFile(logFile, "");
   chmod(logFile.c_str(), 0666);
   writeTextFile(dir / "log.properties",
-                "log4cpp.rootCategory=DEBUG, A\n"
-                "log4cpp.appender.A=FileAppender\n"
-                "log4cpp.appender.A.fileName=" +
-                    logFile +
-                    "\n"
-                    "log4cpp.appender.A.layout=BasicLayout\n");
+                "log4cpp.rootCategory=DEBUG, A\nlog4cpp.appender.A=FileAppender\n"
+                "log4cpp.appender.A.layout=BasicLayout\nlog4cpp.appender.A.fileName=" +
+                    logFile);
   EXPECT_EXIT(
       {
         setenv("ZORV_LABEL_LOG_PROPERTIES", (dir / "log.properties").c_str(), 1);
