@@ -59,10 +59,9 @@ TEST(LabelCodecTest, SmallestAndLargestForms) {
   EXPECT_EQ(1u, capture.countRecord("DEBUG [serializeToBuffer] Serialized tid_: 78563412"));
   EXPECT_EQ(1u, capture.countRecord("DEBUG [serializeToBuffer] Serialized state: ff"));
   Label().deserializeFromBuffer(bytes.data(), bytes.size());
-  EXPECT_EQ(1u,
-            capture.countRecord("DEBUG [deserializeFromBuffer] Label deserialization: state: ff"));
-  EXPECT_EQ(1u, capture.countRecord(
-                    "DEBUG [deserializeFromBuffer] Label deserialization: tid: 12345678"));
+  const std::string decoded = "DEBUG [deserializeFromBuffer] Label deserialization: ";
+  EXPECT_EQ(1u, capture.countRecord(decoded + "state: ff"));
+  EXPECT_EQ(1u, capture.countRecord(decoded + "tid: 12345678"));
 }
 
 TEST(LabelCodecTest, PathWithoutFileFollowsThePackage) {
@@ -79,11 +78,11 @@ TEST(LabelCodecTest, SerializeRefusesShortOrNullBuffers) {
   LogCapture capture;
   EXPECT_EQ(0u, everything().serializeToBuffer(buffer.data(), buffer.size()));
   EXPECT_EQ(std::vector<unsigned char>(80, 0xee), buffer);
-  EXPECT_EQ(
-      1u, capture.countRecord(
-              "ERROR [serializeToBuffer] Buffer size is insufficient. Required: 81, provided: 80"));
   EXPECT_EQ(0u, everything().serializeToBuffer(nullptr, 81));
-  EXPECT_EQ(1u, capture.countRecord("ERROR [serializeToBuffer] Buffer pointer is null"));
+  EXPECT_EQ((std::vector<std::string>{
+                "ERROR [serializeToBuffer] Buffer size is insufficient. Required: 81, provided: 80",
+                "ERROR [serializeToBuffer] Buffer pointer is null"}),
+            capture.records());
 }
 
 TEST(LabelCodecTest, DecodingFillsOnlyThePresentFields) {
