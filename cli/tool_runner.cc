@@ -19,29 +19,21 @@ extern char** environ;
 namespace zorv_testing {
 namespace {
 
-class Pipe {
- public:
+// Both ends of a pipe, closed when it goes.
+struct Pipe {
   Pipe() {
-    if (pipe2(fds_, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
+    if (pipe2(fd, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
   }
   ~Pipe() {
-    closeRead();
-    closeWrite();
+    for (int end : {0, 1}) closeEnd(end);
   }
   Pipe(const Pipe&) = delete;
   Pipe& operator=(const Pipe&) = delete;
-
-  int read() const { return fds_[0]; }
-  int write() const { return fds_[1]; }
-  void closeRead() { closeFd(fds_[0]); }
-  void closeWrite() { closeFd(fds_[1]); }
-
- private:
-  static void closeFd(int& fd) {
-    if (fd >= 0) close(fd);
-    fd = -1;
+  void closeEnd(int end) {
+    if (fd[end] >= 0) close(fd[end]);
+    fd[end] = -1;
   }
-  int fds_[2] = {-1, -1};
+  int fd[2] = {-1, -1};
 };
 
 std::vector<std::string> mergedEnvironment(const Environment& overrides) {
@@ -85,7 +77,7 @@ ToolResult runTool(const std::vector<std::string>& args, const Environment& env,
   if (pid == 0) {
     // Only async-signal-safe calls from here on.
     const int null = open("/dev/null", O_RDONLY);
-    if (null < 0 || dup2(null, 0) < 0 || dup2(out.write(), 1) < 0 || dup2(err.write(), 2) < 0) {
+    if (null < 0 || dup2(null, 0) < 0 || dup2(out.fd[1], 1) < 0 || dup2(err.fd[1], 2) < 0) {
       _exit(126);
     }
     // An abnormal end is expected in some tests; leave no core file behind.
@@ -94,14 +86,14 @@ ToolResult runTool(const std::vector<std::string>& args, const Environment& env,
     execve(ZORV_TOOL_PATH, argv.data(), envp.data());
     _exit(127);
   }
-  out.closeWrite();
-  err.closeWrite();
+  out.closeEnd(1);
+  err.closeEnd(1);
 
   ToolResult result;
   const auto deadline = std::chrono::steady_clock::now() +
                         std::chrono::milliseconds(static_cast<long>(timeoutSeconds * 1000));
   bool killed = false;
-  struct pollfd fds[2] = {{out.read(), POLLIN, 0}, {err.read(), POLLIN, 0}};
+  struct pollfd fds[2] = {{out.fd[0], POLLIN, 0}, {err.fd[0], POLLIN, 0}};
   std::string* sinks[2] = {&result.out, &result.err};
   int open = 2;
   while (open > 0) {
