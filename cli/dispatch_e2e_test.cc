@@ -1,6 +1,7 @@
 // The command line as a whole: usage, option errors, actions and dispatch.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -9,91 +10,86 @@
 namespace zorv_testing {
 namespace {
 
-// Written out here independently of the tool's own table.
+// Written out here independently of the tool's own table: {T} is a tab, {G}
+// and {Y} switch to green and yellow, {R} resets the colour, {C} is the
+// command's name and {P} the path placeholder. Two option lines end in a space.
 std::string expectedUsage() {
-  const std::string tab = "\t", green = "\x1b[1;32m", yellow = "\x1b[1;33m", reset = "\x1b[0m";
-  const std::string eq26(26, '=');
-  const std::string cmd = "zorv-label-manager-tool";
-  const std::string path = "文件完整路径";
-  const std::vector<std::string> lines = {
-      "",
-      std::string(91, '='),
-      "option:",
-      "-a --add             add label/oid/sid",
-      "-g --get             get label/oid/sid",
-      "-d --del             del label/oid/sid",
-      "-r --restore         resote label",
-      "-i --init            initialize label",
-      "",
-      "arg:",
-      "-s --scan /          scan disk from / ",
-      "-v --id              sid/oid value",
-      "-u --user-set        query the oid/sid/tid/inherit_flag set by a user",
-      "-o --oid             get/set/del/clear oid for file/dir",
-      "-m --sid             get/set/del/clear sid for file/dir",
-      "-t --tid             get/set/del/clear tid for file/dir",
-      "-n --inherit-flag    get/set/del/clear inherit-flag for file/dir",
-      "-p --pkg-id          get/set/del/clear oid/sid for pkg",
-      "-q --pkg-name       get pkg id by pkg name",
-      "-k --module          get oid for kernel module",
-      "-e --device          get oid for device",
-      "-l --label           show the file label",
-      "-c --clear           clear all oid/sid",
-      "-b --batch           batch get sid and oid",
-      "-P --pattern-match   file path usage pattern matching",
-      "-R --recursive       show dir label recursively, use with parameter 'l'",
-      "-H --no-dereference  do not dereference symbolic links",
-      "-L --dir-label       show the recursion dir label(abandon, use -R -l instead), ",
-      "-S --subscribe       subscribe to file label change message.",
-      "-T --topic           subscribe to message topic.",
-      "-3 --sm3             get path sm3 hash value",
-      "Command usage example:",
-      "",
-      green + eq26 + "软件包id设置查询等命令用法和示例" + std::string(39, '=') + reset,
-      tab + "1)获取pkgid : " + cmd + " -g -p 软件包名称",
-      tab + "2)设置pkgid : " + cmd + " -a -p 软件包名称 pkg_id",
-      tab + "3)删除已设置的pkgid : " + cmd + " -d -p 软件包名称",
-      tab + "4)清空已设置的pkgid : " + cmd + " -d -c pkg_id",
-      tab + "5)查询已设置的pkgid : " + cmd + " -g -u -p 软件包名称",
-      tab + "6)列出所有pkgid : " + cmd + " -g -u -p --all",
-      green + eq26 + "标记设置命令用法和示例" + std::string(49, '=') + reset,
-      "对文件标记各个字段设置指定值：",
-      tab + "1)设置oid : " + cmd + " -a -o " + path + " pkg_id file_id path_id",
-      tab + "2)设置sid : " + cmd + " -a -m " + path + " pkg_id file_id path_id",
-      tab + "3)设置tid : " + cmd + " -a -t " + path + " tid",
-      tab + "4)设置inherit_flag : " + cmd + " -a -n " + path + " inherit_flag",
-      "删除对文件标记各个字段设置的指定值：",
-      tab + "1)删除oid : " + cmd + " -d -o " + path,
-      tab + "2)删除sid : " + cmd + " -d -m " + path,
-      tab + "3)删除tid : " + cmd + " -d -t " + path,
-      tab + "4)删除inherit_flag : " + cmd + " -d -n " + path,
-      "清空对文件标记各个字段设置的指定值：",
-      tab + "1)清空pkgid/oid/sid/tid/inherit_flag : " + cmd +
-          " -d -c sid/oid/tid/inherit_flag/pkgid",
-      "查询对文件标记各个字段设置的指定值：",
-      yellow +
-          "说明：当要查询指定文件标记相应字段的值时需要给出文件完整绝对路径,"
-          "当要查看所以文件相应字段的值时将文件完整绝对路径替换为--all即可" +
-          reset,
-      tab + "1)查询oid : " + cmd + " -g -u -o " + path,
-      tab + "2)查询sid : " + cmd + " -g -u -m " + path,
-      tab + "3)查询tid : " + cmd + " -g -u -t " + path,
-      tab + "4)查询inherit_flag : " + cmd + " -g -u -n " + path,
-      yellow +
-          "说明, 以上命令中文件路径支持模式匹配, 使用模式匹配时需要加上参数 -P, "
-          "文件路径需要加上双引号." +
-          reset,
-      tab + "1)设置oid(路径中有通配符) : " + cmd +
-          " -P -a -o \"有通配符路路径\" pkg_id file_id path_id",
-      green + eq26 + "标记查看删除等命令用法和示例" + std::string(49, '=') + reset,
-      tab + "1)查看文件/目录标记 :          " + cmd + " -g -l " + path,
-      tab + "2)递归查看目录下所有文件标记 :  " + cmd + " -R -g -l " + path,
-      tab + "1)删除文件/目录标记 :          " + cmd + " -d -l " + path,
-      tab + "2)递归删除目录下所有文件标记 :  " + cmd + " -R -d -l " + path,
-  };
-  EXPECT_EQ(lines.size(), 66u);
-  std::string text;
-  for (const std::string& line : lines) text += line + "\n";
+  std::string text = R"(
+===========================================================================================
+option:
+-a --add             add label/oid/sid
+-g --get             get label/oid/sid
+-d --del             del label/oid/sid
+-r --restore         resote label
+-i --init            initialize label
+
+arg:
+-s --scan /          scan disk from / 
+-v --id              sid/oid value
+-u --user-set        query the oid/sid/tid/inherit_flag set by a user
+-o --oid             get/set/del/clear oid for file/dir
+-m --sid             get/set/del/clear sid for file/dir
+-t --tid             get/set/del/clear tid for file/dir
+-n --inherit-flag    get/set/del/clear inherit-flag for file/dir
+-p --pkg-id          get/set/del/clear oid/sid for pkg
+-q --pkg-name       get pkg id by pkg name
+-k --module          get oid for kernel module
+-e --device          get oid for device
+-l --label           show the file label
+-c --clear           clear all oid/sid
+-b --batch           batch get sid and oid
+-P --pattern-match   file path usage pattern matching
+-R --recursive       show dir label recursively, use with parameter 'l'
+-H --no-dereference  do not dereference symbolic links
+-L --dir-label       show the recursion dir label(abandon, use -R -l instead), 
+-S --subscribe       subscribe to file label change message.
+-T --topic           subscribe to message topic.
+-3 --sm3             get path sm3 hash value
+Command usage example:
+
+{G}==========================软件包id设置查询等命令用法和示例======================================={R}
+{T}1)获取pkgid : {C} -g -p 软件包名称
+{T}2)设置pkgid : {C} -a -p 软件包名称 pkg_id
+{T}3)删除已设置的pkgid : {C} -d -p 软件包名称
+{T}4)清空已设置的pkgid : {C} -d -c pkg_id
+{T}5)查询已设置的pkgid : {C} -g -u -p 软件包名称
+{T}6)列出所有pkgid : {C} -g -u -p --all
+{G}==========================标记设置命令用法和示例================================================={R}
+对文件标记各个字段设置指定值：
+{T}1)设置oid : {C} -a -o {P} pkg_id file_id path_id
+{T}2)设置sid : {C} -a -m {P} pkg_id file_id path_id
+{T}3)设置tid : {C} -a -t {P} tid
+{T}4)设置inherit_flag : {C} -a -n {P} inherit_flag
+删除对文件标记各个字段设置的指定值：
+{T}1)删除oid : {C} -d -o {P}
+{T}2)删除sid : {C} -d -m {P}
+{T}3)删除tid : {C} -d -t {P}
+{T}4)删除inherit_flag : {C} -d -n {P}
+清空对文件标记各个字段设置的指定值：
+{T}1)清空pkgid/oid/sid/tid/inherit_flag : {C} -d -c sid/oid/tid/inherit_flag/pkgid
+查询对文件标记各个字段设置的指定值：
+{Y}说明：当要查询指定文件标记相应字段的值时需要给出文件完整绝对路径,当要查看所以文件相应字段的值时将文件完整绝对路径替换为--all即可{R}
+{T}1)查询oid : {C} -g -u -o {P}
+{T}2)查询sid : {C} -g -u -m {P}
+{T}3)查询tid : {C} -g -u -t {P}
+{T}4)查询inherit_flag : {C} -g -u -n {P}
+{Y}说明, 以上命令中文件路径支持模式匹配, 使用模式匹配时需要加上参数 -P, 文件路径需要加上双引号.{R}
+{T}1)设置oid(路径中有通配符) : {C} -P -a -o "有通配符路路径" pkg_id file_id path_id
+{G}==========================标记查看删除等命令用法和示例================================================={R}
+{T}1)查看文件/目录标记 :          {C} -g -l {P}
+{T}2)递归查看目录下所有文件标记 :  {C} -R -g -l {P}
+{T}1)删除文件/目录标记 :          {C} -d -l {P}
+{T}2)递归删除目录下所有文件标记 :  {C} -R -d -l {P}
+)";
+  const char* const marks[][2] = {{"{T}", "\t"},
+                                  {"{G}", "\x1b[1;32m"},
+                                  {"{Y}", "\x1b[1;33m"},
+                                  {"{R}", "\x1b[0m"},
+                                  {"{C}", "zorv-label-manager-tool"},
+                                  {"{P}", "文件完整路径"}};
+  for (const auto& [mark, value] : marks)
+    for (size_t at; (at = text.find(mark)) != std::string::npos;) text.replace(at, 3, value);
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 66);
   return text;
 }
 
