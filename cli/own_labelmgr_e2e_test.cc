@@ -62,9 +62,7 @@ TEST_F(OwnLabelMgrE2eTest, FieldsRestoreAndPackageIds) {
   EXPECT_EQ(run({"-g", "-p", "vim"}).out, "vim pkgid:000000000000001f\n");
   EXPECT_EQ(run({"-g", "-q", "1f"}).out, "pkg name: vim\n");
   EXPECT_EQ(run({"-g", "-u", "-p", "--all"}).out, "vim, pkgid : 0x000000000000001f\n");
-  const ToolResult unknown = run({"-g", "-p", "no-such-package"});
-  EXPECT_EQ(unknown.out, "get pkg id error..\n");
-  EXPECT_EQ(unknown.status, 1);
+  expectResult(run({"-g", "-p", "no-such-package"}), "get pkg id error..\n", 1);
 }
 
 TEST_F(OwnLabelMgrE2eTest, ABadNumberWritesNothingAnywhere) {
