@@ -21,6 +21,30 @@ namespace {
 // Only reached once sqliteApi() has answered; see StateDb::open.
 const SqliteApi& sqlite() { return *sqliteApi(); }
 
+// WAL lets readers go on while a writer holds the lock; a file system that
+// cannot do WAL leaves the journal mode as it was, which still works.
+// Switching a new database to WAL needs a lock that SQLite does not wait for
+// through the busy handler, so two runs creating the database at the same
+// moment would see "database is locked": that is retried for as long as the
+// busy timeout allows.
+bool switchToWal(sqlite3* handle, const std::string& path, int timeoutMs) {
+  const char* const kSql = "PRAGMA journal_mode=WAL";
+  for (int waitedMs = 0;; waitedMs += 5) {
+    char* message = nullptr;
+    int rc = sqlite().exec(handle, kSql, nullptr, nullptr, &message);
+    if (rc == SQLITE_OK) return true;
+    bool busy = (rc & 0xff) == SQLITE_BUSY || (rc & 0xff) == SQLITE_LOCKED;
+    if (!busy || waitedMs >= timeoutMs) {
+      ZLOG_ERROR("state database %s: \"%s\" failed: %s", path.c_str(), kSql,
+                 message ? message : sqlite().errmsg(handle));
+      sqlite().free(message);
+      return false;
+    }
+    sqlite().free(message);
+    ::usleep(5000);
+  }
+}
+
 // Long enough to outwait another run of the tool relabelling a large pattern.
 constexpr int kBusyTimeoutMs = 60000;
 
@@ -100,9 +124,7 @@ std::unique_ptr<StateDb> StateDb::open(OpenMode mode, bool* absent) {
   }
   std::unique_ptr<StateDb> db(new StateDb(handle, path));
   sqlite().busy_timeout(handle, kBusyTimeoutMs);
-  // WAL lets readers go on while a writer holds the lock; a file system that
-  // cannot do WAL leaves the journal mode as it was, which still works.
-  if (!db->exec("PRAGMA journal_mode=WAL")) return nullptr;
+  if (!switchToWal(handle, path, kBusyTimeoutMs)) return nullptr;
   if (!db->migrate()) return nullptr;
   return db;
 }
