@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <iostream>
+#include <memory>
 #include <stdexcept>
 
 #include <log4cpp/Category.hh>
@@ -128,16 +128,22 @@ log4cpp::Category* Logger::getCategory(const std::string& name) {
 
 std::set<std::string> Logger::getLogFilePathsFromConfig(const std::string& path) {
   std::set<std::string> files;
-  std::ifstream in(path);
-  if (!in.is_open()) {
+  // stdio rather than a file stream: this runs at the start of nearly every
+  // run of the tool, where an ifstream's set-up is a measurable share.
+  std::unique_ptr<FILE, int (*)(FILE*)> in(std::fopen(path.c_str(), "re"), &std::fclose);
+  if (!in) {
     // The logger may first be used in the middle of a program's buffered
     // output; what came before this message goes out before it.
     std::cout.flush();
     std::cerr << "Failed to open config file: " << path << std::endl;
     return files;
   }
-  std::string line;
-  while (std::getline(in, line)) {
+  char* buffer = nullptr;
+  size_t capacity = 0;
+  ssize_t length;
+  while ((length = ::getline(&buffer, &capacity, in.get())) >= 0) {
+    std::string line(buffer, static_cast<size_t>(length));
+    if (!line.empty() && line.back() == '\n') line.pop_back();
     line = trimBlanks(line);
     if (line.empty() || line[0] == '#') continue;
     size_t eq = line.find('=');
@@ -147,6 +153,7 @@ std::set<std::string> Logger::getLogFilePathsFromConfig(const std::string& path)
     if (startsWith(key, "log4cpp.appender.") && endsWith(key, ".fileName") && !value.empty())
       files.insert(value);
   }
+  std::free(buffer);
   return files;
 }
 
