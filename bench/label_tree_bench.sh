@@ -11,7 +11,10 @@
 #   (c) our second run over the unchanged tree A (nothing to write),
 # and prints the medians over $ROUNDS rounds (default 3) with the ratios a/b
 # (target: at most 1.0) and c/a (target: at most 0.4). Labels are removed
-# between rounds. Uses a temporary state directory and removes everything.
+# between rounds, and each round starts from a state directory of its own, so
+# that every (a) is a true first run: a run after labels were stripped behind
+# a previous run's back is a different case (its cache no longer matches).
+# Removes everything it made.
 # The labels' package part comes from the system's dpkg database unless
 # DPKG_DIR names another; loading it is a fixed cost of a run that has labels
 # to compute, printed separately.
@@ -26,7 +29,6 @@ command -v setfattr >/dev/null || { echo "setfattr is missing (package attr)" >&
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/zorv-tree-bench-XXXXXX")
 trap 'rm -rf "$work"' EXIT
-export ZORV_LABELMGR_STATE_DIR="$work/state"
 [[ -n ${DPKG_DIR:-} ]] && export ZORV_LABELMGR_DPKG_DIR="$DPKG_DIR"
 cat >"$work/log.properties" <<EOF
 log4cpp.rootCategory=INFO, B
@@ -62,6 +64,7 @@ for ((round = 1; round <= rounds; round++)); do
   unlabel "$work/A"
   unlabel "$work/B"
   sync
+  export ZORV_LABELMGR_STATE_DIR="$work/state-$round"
   t0=$(now)
   "$driver" "$work/A" >/dev/null
   t1=$(now)
