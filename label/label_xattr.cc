@@ -40,7 +40,14 @@ ssize_t readAttribute(const std::string& path, bool noDereference, void* value, 
 int Label::getFromXattr(const std::string& path, const bool& noDereference) {
   try {
     requireExisting(path);
-    const ssize_t probed = readAttribute(path, noDereference, nullptr, 0);
+    // A label fits in a few dozen bytes, so one read into a small buffer
+    // usually answers the size probe and the read at once: a listing of a
+    // tree makes one attribute call per file instead of two. Only a value
+    // too large for it (ERANGE) takes the probe-then-read path.
+    unsigned char small[128];
+    ssize_t probed = readAttribute(path, noDereference, small, sizeof small);
+    const bool tooLarge = probed < 0 && errno == ERANGE;
+    if (tooLarge) probed = readAttribute(path, noDereference, nullptr, 0);
     if (probed < 0) {
       // Quiet on purpose: most files of a tree simply carry no label.
       const int error = errno;
@@ -53,6 +60,10 @@ int Label::getFromXattr(const std::string& path, const bool& noDereference) {
     }
     if (probed == 0)
       throw LabelError(std::string("Extended attribute is empty: ") + kAttributeName, 6);
+    if (!tooLarge) {
+      deserializeFromBuffer(small, static_cast<size_t>(probed));
+      return 0;
+    }
 
     std::vector<unsigned char> value(static_cast<size_t>(probed), 0);
     const ssize_t read = readAttribute(path, noDereference, value.data(), value.size());
