@@ -169,52 +169,57 @@ void removeAbandonedTemporaries(const std::string& file) {
 
 void TreeLabelCache::load(const std::string& file, uint64_t fingerprint) {
   removeAbandonedTemporaries(file);
-  table_.clear();
+  entries_.clear();
+  slots_.clear();
   count_ = 0;
   int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return;
   Header header{};
   struct stat st;
-  std::vector<TreeCacheEntry> entries;
   bool usable = ::fstat(fd, &st) == 0 && readAll(fd, &header, sizeof header) &&
                 std::memcmp(header.magic, kMagic, sizeof kMagic) == 0 &&
                 header.version == kVersion && header.entrySize == sizeof(TreeCacheEntry);
   if (usable && header.fingerprint == fingerprint) {
-    usable =
-        static_cast<uint64_t>(st.st_size) == sizeof header + header.count * sizeof(TreeCacheEntry);
+    usable = header.count < UINT32_MAX && static_cast<uint64_t>(st.st_size) ==
+                                              sizeof header + header.count * sizeof(TreeCacheEntry);
     if (usable) {
-      entries.resize(header.count);
-      usable = readAll(fd, entries.data(), entries.size() * sizeof(TreeCacheEntry));
+      entries_.resize(header.count);
+      usable = readAll(fd, entries_.data(), entries_.size() * sizeof(TreeCacheEntry));
     }
   } else if (usable) {
-    entries.clear();  // written under other rules or packages: nothing in it holds
+    entries_.clear();  // written under other rules or packages: nothing in it holds
   }
   ::close(fd);
   if (!usable) {
+    entries_.clear();
     ZLOG_WARN("ignoring the damaged or foreign tree label cache %s", file.c_str());
     return;
   }
+  // The slots hold indexes into the entries as read (plus one; 0 is free):
+  // a quarter of the memory of a table of whole entries, so a second run over
+  // a large tree faults in far fewer pages and misses the cache less.
   size_t capacity = 16;
-  while (capacity < 2 * entries.size()) capacity *= 2;
-  table_.assign(capacity, TreeCacheEntry{});
-  for (const TreeCacheEntry& entry : entries) {
+  while (capacity < 2 * entries_.size()) capacity *= 2;
+  slots_.assign(capacity, 0);
+  for (uint32_t index = 0; index < entries_.size(); ++index) {
+    const TreeCacheEntry& entry = entries_[index];
     size_t slot = slotOf(entry.dev, entry.ino) & (capacity - 1);
-    while (table_[slot].reserved != 0) {
-      if (table_[slot].dev == entry.dev && table_[slot].ino == entry.ino) break;
+    while (slots_[slot] != 0) {
+      const TreeCacheEntry& held = entries_[slots_[slot] - 1];
+      if (held.dev == entry.dev && held.ino == entry.ino) break;
       slot = (slot + 1) & (capacity - 1);
     }
-    if (table_[slot].reserved == 0) ++count_;
-    table_[slot] = entry;
-    table_[slot].reserved = 1;
+    if (slots_[slot] == 0) ++count_;
+    slots_[slot] = index + 1;  // a later entry for the same inode wins
   }
 }
 
 const TreeCacheEntry* TreeLabelCache::find(uint64_t dev, uint64_t ino) const {
-  if (table_.empty()) return nullptr;
-  size_t mask = table_.size() - 1;
-  for (size_t slot = slotOf(dev, ino) & mask; table_[slot].reserved != 0;
-       slot = (slot + 1) & mask) {
-    if (table_[slot].dev == dev && table_[slot].ino == ino) return &table_[slot];
+  if (slots_.empty()) return nullptr;
+  size_t mask = slots_.size() - 1;
+  for (size_t slot = slotOf(dev, ino) & mask; slots_[slot] != 0; slot = (slot + 1) & mask) {
+    const TreeCacheEntry& entry = entries_[slots_[slot] - 1];
+    if (entry.dev == dev && entry.ino == ino) return &entry;
   }
   return nullptr;
 }

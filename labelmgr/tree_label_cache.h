@@ -67,7 +67,8 @@ class TreeLabelCache {
  private:
   const TreeCacheEntry* find(uint64_t dev, uint64_t ino) const;
 
-  std::vector<TreeCacheEntry> table_;  // open addressing; ino == 0 marks a free slot
+  std::vector<TreeCacheEntry> entries_;  // as read from the file
+  std::vector<uint32_t> slots_;          // open addressing over entries_
   size_t count_ = 0;
 };
 

@@ -309,6 +309,9 @@ class TreeRun {
     createFirst_ = cache_.size() == 0 && mountPointsUnder(canonicalRoot, &mountPoints_);
   }
 
+  /// How many entries the last run left verified.
+  size_t remembered() const { return cache_.size(); }
+
   bool onRootMount(const EntryStat& entry) const {
     if (entry.st.st_dev != root_.st.st_dev) return false;
     return !(entry.hasMountId && root_.hasMountId && entry.mountId != root_.mountId);
@@ -524,6 +527,9 @@ class TreeRun {
 class WorkerPool {
  public:
   WorkerPool(TreeRun& run, unsigned count) : run_(run), workers_(count) {
+    // Room for what the last run verified, reserved but not yet touched, so
+    // that a large tree's entries are never copied as their lists grow.
+    for (WorkerState& worker : workers_) worker.verified.reserve(run.remembered());
     for (unsigned i = 0; i < count; ++i) threads_.emplace_back([this, i] { work(workers_[i]); });
   }
   ~WorkerPool() { finish(); }
@@ -533,17 +539,16 @@ class WorkerPool {
   void push(std::vector<Item> batch) { queue_.push(std::move(batch)); }
 
   /// Waits for every queued entry; adds the workers' counts to `total` and
-  /// the entries they found correctly labelled to `verified`.
-  void finish(TreeLabelStats* total = nullptr, std::vector<TreeCacheEntry>* verified = nullptr) {
+  /// moves the lists of entries they found correctly labelled to `verified`.
+  void finish(TreeLabelStats* total = nullptr,
+              std::vector<std::vector<TreeCacheEntry>>* verified = nullptr) {
     queue_.close();
     for (std::thread& thread : threads_) {
       if (thread.joinable()) thread.join();
     }
     for (WorkerState& worker : workers_) {
       if (total != nullptr) addStats(*total, worker.stats);
-      if (verified != nullptr) {
-        verified->insert(verified->end(), worker.verified.begin(), worker.verified.end());
-      }
+      if (verified != nullptr) verified->push_back(std::move(worker.verified));
     }
   }
 
@@ -884,7 +889,7 @@ int labelTree(const std::string& root, PolicySource& policy, const TreeLabelOpti
   std::unordered_set<std::string> excludes = normaliseExcludes(options.excludes);
   probeXattrAt(canonicalRoot);
 
-  std::vector<TreeCacheEntry> verified;
+  std::vector<std::vector<TreeCacheEntry>> verified;  // one list per worker
   uint64_t fingerprint = policy.fingerprint();
   TreeLabelCache cache;
   if (!options.cacheFile.empty()) cache.load(options.cacheFile, fingerprint);
@@ -929,9 +934,15 @@ int labelTree(const std::string& root, PolicySource& policy, const TreeLabelOpti
   }
   // When every remembered entry was found unchanged and nothing else was
   // verified, the file already says all there is to say.
-  bool cacheUnchanged = cache.size() == verified.size() && total.cached == verified.size();
-  if (!options.cacheFile.empty() && !cacheUnchanged)
-    TreeLabelCache::save(options.cacheFile, fingerprint, verified);
+  size_t verifiedCount = 0;
+  for (const auto& part : verified) verifiedCount += part.size();
+  bool cacheUnchanged = cache.size() == verifiedCount && total.cached == verifiedCount;
+  if (!options.cacheFile.empty() && !cacheUnchanged) {
+    std::vector<TreeCacheEntry> entries;
+    entries.reserve(verifiedCount);
+    for (const auto& part : verified) entries.insert(entries.end(), part.begin(), part.end());
+    TreeLabelCache::save(options.cacheFile, fingerprint, entries);
+  }
   if (stats != nullptr) {
     *stats = total;
     stats->root = canonicalRoot;
