@@ -29,6 +29,12 @@ if printf '%s\n' "$dynamic" | grep -q '(RPATH)'; then
   echo "has RPATH, which LD_LIBRARY_PATH cannot override"
   status=1
 fi
+# An empty RUNPATH entry means the current directory: every run would look
+# for its libraries wherever it was started.
+if printf '%s\n' "$dynamic" | grep -E '\(RUNPATH\).*\[(:|.*::|.*:\])' >/dev/null; then
+  echo "RUNPATH has an empty entry, which searches the current directory"
+  status=1
+fi
 if ! printf '%s\n' "$dynamic" | grep -q 'Shared library: \[libzorvlabelmgr.so.1\]'; then
   echo "does not need libzorvlabelmgr.so.1"
   status=1
