@@ -12,8 +12,7 @@
 namespace zorv_testing {
 
 struct ToolResult {
-  std::string out;
-  std::string err;
+  std::string out, err;
   int status = -1;  // exit status, or -1 when a signal ended the run
   int signal = 0;   // the signal that ended the run, or 0
 };
@@ -22,8 +21,9 @@ using Environment = std::map<std::string, std::string>;
 
 /// Runs the tool (argv[0] "zorv-label-manager-tool") with `args`, stdin from
 /// /dev/null, the test process's environment plus `env` (an empty value
-/// removes the variable) and no core file. A run still going after `timeoutSeconds`, or once its
-/// standard output holds `stopAt` (when not empty), is killed with SIGKILL.
+/// removes the variable) and no core file. A run still going after
+/// `timeoutSeconds`, or once its standard output holds `stopAt` (when not
+/// empty), is killed with SIGKILL.
 ToolResult runTool(const std::vector<std::string>& args, const Environment& env = {},
                    double timeoutSeconds = 30, const std::string& stopAt = "");
 
@@ -37,22 +37,19 @@ void expectResult(const ToolResult& r, const std::string& out, int status = 0,
 /// The directory of our label manager library's test double.
 std::string fakeLabelManagerDir();
 
-/// A scripted test double for one test: a temporary script and call log, and
-/// the environment that makes the tool load the double.
+/// A scripted test double for one test: a temporary script and call log.
 class FakeLabelManager {
  public:
-  FakeLabelManager();
-  /// Replaces the script with `rules` (the double's script language) and
-  /// empties the call log.
+  FakeLabelManager() { script(""); }
+  /// Replaces the script with `rules` and empties the call log.
   void script(const std::string& rules);
-  /// Runs the tool against the double.
   ToolResult run(const std::vector<std::string>& args, Environment env = {}) const;
-  /// Runs the tool against the double and expects exactly `out` and `err`,
-  /// exit status `status` and no signal.
   void expect(const std::vector<std::string>& args, const std::string& out, int status = 0,
-              const std::string& err = "") const;
+              const std::string& err = "") const {
+    expectResult(run(args), out, status, err);
+  }
   /// Every call the double received, one "operation(arguments)" per entry.
-  std::vector<std::string> calls() const;
+  std::vector<std::string> calls() const { return splitLines(readTextFile(dir_ / "calls")); }
 
  private:
   ScopedTempDir dir_;
