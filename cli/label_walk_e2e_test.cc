@@ -6,10 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdio>
 #include <string>
-#include <vector>
 
 #include "cli/tool_runner.h"
 #include "label/label.h"
@@ -17,33 +14,18 @@
 namespace zorv_testing {
 namespace {
 
-const std::string kZeroId = "0000000000000000-0000000000000000-0000000000000000";
-
 // Labels `path` (the link itself with `onLink`; a missing path becomes an
-// empty file) with OID 1-2-N and TID N, and returns the text the tool must
-// print for it.
+// empty file) with OID 1-2-N and TID N (N below 10); answers the tool's line for it.
 std::string labelFile(const std::string& path, uint64_t n, bool onLink = false) {
   struct stat st;
   if (lstat(path.c_str(), &st) != 0) writeTextFile(path, "");
   Label label;
-  label.oid_.pkg_ = 1;
-  label.oid_.file_ = 2;
-  label.oid_.path_ = n;
+  label.oid_ = {1, 2, n};
   label.tid_ = static_cast<uint32_t>(n);
   EXPECT_EQ(label.setToXattr(path, onLink), 0) << path;
-  char oid[64];
-  std::snprintf(oid, sizeof oid, "0000000000000001-0000000000000002-%016llx",
-                static_cast<unsigned long long>(n));
-  return std::string(oid) + ":" + std::to_string(n) + ":" + kZeroId + ":0:" + kZeroId;
-}
-
-std::string shown(const std::string& path, const std::string& label) {
-  return "file: " + path + " label: " + label + "\n";
-}
-
-bool hasLabel(const std::string& path, bool onLink = false) {
-  return (onLink ? lgetxattr(path.c_str(), "security.zorv", nullptr, 0)
-                 : getxattr(path.c_str(), "security.zorv", nullptr, 0)) >= 0;
+  const std::string zero = "0000000000000000-0000000000000000-0000000000000000";
+  return "file: " + path + " label: 0000000000000001-0000000000000002-000000000000000" +
+         std::to_string(n) + ":" + std::to_string(n) + ":" + zero + ":0:" + zero + "\n";
 }
 
 class LabelWalkE2eTest : public testing::Test {
@@ -52,110 +34,60 @@ class LabelWalkE2eTest : public testing::Test {
   ScopedTempDir tmp_;
 };
 
-TEST_F(LabelWalkE2eTest, ShowsEachMatchInSortedOrder) {
-  const std::string b = labelFile(tmp_ / "b", 2);
-  const std::string a = labelFile(tmp_ / "a", 1);
+TEST_F(LabelWalkE2eTest, ShowsMatchesSortedAndWalksWithoutFollowingLinks) {
+  const std::string b = labelFile(tmp_ / "b", 2), a = labelFile(tmp_ / "a", 1);
   writeTextFile(tmp_ / "c", "");
   ASSERT_EQ(symlink("missing", (tmp_ / "d").c_str()), 0);
-  fake_.expect({"-g", "-l", tmp_ / "*", tmp_ / "nothing*", tmp_ / "a"},
-               shown(tmp_ / "a", a) + shown(tmp_ / "b", b) + "get file label failed, \n" +
-                   shown(tmp_ / "a", a),
-               0,
+  fake_.expect({"-g", "-l", tmp_ / "*", tmp_ / "nothing*"}, a + b + "get file label failed, \n", 0,
                "Error: File or directory does not exist: " + (tmp_ / "d") +
                    "\nWarning: No files matched the pattern: " + (tmp_ / "nothing*") + "\n");
+  expectResult(fake_.run({"-g", "-l", "~/a"}, {{"HOME", tmp_.path()}}), a);
 
-  // A leading tilde is the home directory.
-  expectResult(fake_.run({"-g", "-l", "~/a"}, {{"HOME", tmp_.path()}}), shown(tmp_ / "a", a));
+  // A link to a directory is shown with its target's label, never entered.
+  makeDirs(tmp_ / "s/inside");
+  makeDirs(tmp_ / "t");
+  labelFile(tmp_ / "t", 3);
+  ASSERT_EQ(symlink("../s", (tmp_ / "t/link").c_str()), 0);
+  std::string s = labelFile(tmp_ / "s", 4);
+  fake_.expect({"-R", "-g", "-l", tmp_ / "t/"},
+               labelFile(tmp_ / "t/", 3) + s.replace(6, (tmp_ / "s").size(), tmp_ / "t/link"));
 }
 
-TEST_F(LabelWalkE2eTest, RecursiveWalkVisitsParentsFirstAndNeverFollowsLinks) {
-  makeDirs(tmp_ / "t/sub/deeper");
-  writeTextFile(tmp_ / "t/f1", "");
-  writeTextFile(tmp_ / "t/sub/f2", "");
-  writeTextFile(tmp_ / "t/sub/deeper/f3", "");
-  ASSERT_EQ(symlink("sub", (tmp_ / "t/linkdir").c_str()), 0);
-  const std::vector<std::string> paths = {"t",        "t/f1",         "t/sub",
-                                          "t/sub/f2", "t/sub/deeper", "t/sub/deeper/f3"};
-  for (size_t i = 0; i < paths.size(); ++i) labelFile(tmp_ / paths[i], i + 1);
-
-  for (const std::string& root : {tmp_ / "t", tmp_ / "t/"}) {
-    const ToolResult r = fake_.run({"-R", "-g", "-l", root});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.err, "");
-    const std::vector<std::string> out = splitLines(r.out);
-    ASSERT_EQ(out.size(), paths.size() + 1) << r.out;
-    EXPECT_EQ(out[0].rfind("file: " + root + " label: ", 0), 0u) << out[0];
-    std::vector<std::string> seen;
-    for (const std::string& line : out) {
-      const std::string path = line.substr(6, line.find(" label: ") - 6);
-      EXPECT_EQ(path.find("//"), std::string::npos) << path;
-      EXPECT_NE(path.substr(path.size() - 2), "/.") << path;
-      // Every directory is shown before anything below it.
-      const std::string parent = path.substr(0, path.rfind('/'));
-      if (path != root) {
-        EXPECT_TRUE(std::find(seen.begin(), seen.end(), parent) != seen.end() ||
-                    parent + "/" == root)
-            << path;
-      }
-      seen.push_back(path);
-    }
-    // The link to a directory is shown as a file (with its target's label) and
-    // not walked into.
-    const std::string link = (root.back() == '/' ? root : root + "/") + "linkdir";
-    EXPECT_EQ(std::count(seen.begin(), seen.end(), link), 1);
-    EXPECT_EQ(std::count_if(seen.begin(), seen.end(),
-                            [&](const std::string& p) { return p.rfind(link + "/", 0) == 0; }),
-              0);
-  }
-}
-
-TEST_F(LabelWalkE2eTest, NoDereferenceReadsAndRemovesTheLinksOwnLabel) {
+TEST_F(LabelWalkE2eTest, RemovalTakesTheLinksOwnLabelAndReportsUnlabelledFiles) {
   const std::string target = labelFile(tmp_ / "target", 1);
   ASSERT_EQ(symlink("target", (tmp_ / "link").c_str()), 0);
   const std::string own = labelFile(tmp_ / "link", 2, true);
-  EXPECT_EQ(fake_.run({"-g", "-l", tmp_ / "link"}).out, shown(tmp_ / "link", target));
-  EXPECT_EQ(fake_.run({"-H", "-g", "-l", tmp_ / "link"}).out, shown(tmp_ / "link", own));
-
+  fake_.expect({"-H", "-g", "-l", tmp_ / "link"}, own);
   fake_.expect({"-H", "-d", "-l", tmp_ / "link"}, kDeleteRule);
-  EXPECT_FALSE(hasLabel(tmp_ / "link", true));
-  EXPECT_TRUE(hasLabel(tmp_ / "target"));
-}
+  EXPECT_LT(lgetxattr((tmp_ / "link").c_str(), "security.zorv", nullptr, 0), 0);
+  EXPECT_GE(getxattr((tmp_ / "target").c_str(), "security.zorv", nullptr, 0), 0);
 
-TEST_F(LabelWalkE2eTest, RemovalReportsFilesWithoutALabelAndGoesOn) {
   makeDirs(tmp_ / "t/sub");
-  labelFile(tmp_ / "t", 1);
-  labelFile(tmp_ / "t/sub", 2);
-  labelFile(tmp_ / "t/sub/f", 3);
+  for (const char* p : {"t", "t/sub", "t/sub/f"}) labelFile(tmp_ / p, 3);
   writeTextFile(tmp_ / "t/bare", "");
   fake_.expect({"-d", "-R", "-l", tmp_ / "t"},
                kDeleteRule + "remove file label from xattr error, " + (tmp_ / "t/bare") +
                    " lremovexattr failed, No data available\n");
-  for (const char* p : {"t", "t/sub", "t/sub/f"}) EXPECT_FALSE(hasLabel(tmp_ / p)) << p;
+  EXPECT_LT(getxattr((tmp_ / "t/sub/f").c_str(), "security.zorv", nullptr, 0), 0);
 }
 
-// The run happens as uid 65534, from copies of the tool and the test double in
-// the temporary tree, so that it does not depend on that user reaching the
-// build tree.
+// Run as uid 65534 from copies of the tool and the double in the temporary
+// tree, which that user can reach whatever the build tree's permissions.
 TEST_F(LabelWalkE2eTest, AnUnreadableDirectoryIsReportedAndSkipped) {
-  makeDirs(tmp_ / "t/locked");
   writeTextFile(tmp_ / "t/locked/hidden", "");
-  ASSERT_EQ(chmod(tmp_.path().c_str(), 0755), 0);
+  ASSERT_EQ(chmod(tmp_.path().c_str(), 0777), 0);  // the run logs here
   ASSERT_EQ(chmod((tmp_ / "t").c_str(), 0755), 0);
   ASSERT_EQ(chmod((tmp_ / "t/locked").c_str(), 0700), 0);
   const std::string fakeDir = fakeLabelManagerDir();
   const std::string tool = fakeDir.substr(0, fakeDir.rfind('/')) + "/zorv-label-manager-tool";
-  if (access(tool.c_str(), X_OK) != 0) GTEST_SKIP() << "no tool beside the test double: " << tool;
   ASSERT_EQ(runShell("cp -a '" + fakeDir + "' '" + tool + "' '" + tmp_.path() + "'"), 0);
-  // The label model logs; the unprivileged run gets a log it may write.
-  makeDirs(tmp_ / "log");
-  ASSERT_EQ(chmod((tmp_ / "log").c_str(), 0777), 0);
-  writeTextFile(tmp_ / "log/log.properties",
+  writeTextFile(tmp_ / "log.properties",
                 "log4cpp.rootCategory=DEBUG, F\nlog4cpp.appender.F=FileAppender\n"
                 "log4cpp.appender.F.fileName=" +
-                    (tmp_ / "log/tool.log") + "\nlog4cpp.appender.F.layout=SimpleLayout\n");
+                    (tmp_ / "tool.log") + "\nlog4cpp.appender.F.layout=SimpleLayout\n");
   const int status =
       runShell("setpriv --reuid=65534 --regid=65534 --clear-groups env -i LD_LIBRARY_PATH='" +
-               (tmp_ / "fake") + "' ZORV_LABEL_LOG_PROPERTIES='" + (tmp_ / "log/log.properties") +
+               (tmp_ / "fake") + "' ZORV_LABEL_LOG_PROPERTIES='" + (tmp_ / "log.properties") +
                "' '" + (tmp_ / "zorv-label-manager-tool") + "' -R -g -l '" + (tmp_ / "t") + "' >'" +
                (tmp_ / "out") + "' 2>'" + (tmp_ / "err") + "'");
   EXPECT_EQ(readTextFile(tmp_ / "out"), "get file label failed, \n" + (tmp_ / "t/locked") +
