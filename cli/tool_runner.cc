@@ -16,33 +16,23 @@
 extern char** environ;
 
 namespace zorv_testing {
-namespace {
-
-std::vector<char*> pointers(std::vector<std::string>& texts) {
-  std::vector<char*> result;
-  for (std::string& t : texts) result.push_back(t.data());
-  result.push_back(nullptr);
-  return result;
-}
-
-}  // namespace
 
 ToolResult runTool(const std::vector<std::string>& args, const Environment& env,
-                   double timeoutSeconds, const std::string& stopAt) {
-  std::vector<std::string> argvTexts{"zorv-label-manager-tool"}, envTexts;
-  argvTexts.insert(argvTexts.end(), args.begin(), args.end());
+                   double timeoutSeconds) {
   Environment merged;
   for (char** e = environ; *e != nullptr; ++e)
-    if (const char* eq = std::strchr(*e, '='))
-      merged[std::string(const_cast<const char*>(*e), eq)] = eq + 1;
-  for (const auto& [name, value] : env) {
-    if (value.empty()) {
-      merged.erase(name);
-    } else {
-      merged[name] = value;
-    }
-  }
-  for (const auto& [name, value] : merged) envTexts.push_back(name + "=" + value);
+    if (const char* eq = std::strchr(*e, '=')) merged[std::string(*e, eq - *e)] = eq + 1;
+  for (const auto& [name, value] : env) merged[name] = value;
+  std::vector<std::string> argvTexts{"zorv-label-manager-tool"}, envTexts;
+  argvTexts.insert(argvTexts.end(), args.begin(), args.end());
+  for (const auto& [name, value] : merged)
+    if (!value.empty()) envTexts.push_back(name + "=" + value);
+  auto pointers = [](std::vector<std::string>& texts) {
+    std::vector<char*> result;
+    for (std::string& t : texts) result.push_back(t.data());
+    result.push_back(nullptr);
+    return result;
+  };
   std::vector<char*> argv = pointers(argvTexts), envp = pointers(envTexts);
 
   // Output goes to files rather than pipes: nothing to drain while the run
@@ -66,12 +56,8 @@ ToolResult runTool(const std::vector<std::string>& args, const Environment& env,
   const auto deadline =
       std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutSeconds);
   int waitStatus = 0;
-  for (bool killed = false; waitpid(pid, &waitStatus, WNOHANG) == 0;) {
-    if (!killed && (std::chrono::steady_clock::now() >= deadline ||
-                    (!stopAt.empty() && readTextFile(outPath).find(stopAt) != std::string::npos))) {
-      kill(pid, SIGKILL);
-      killed = true;
-    }
+  while (waitpid(pid, &waitStatus, WNOHANG) == 0) {
+    if (std::chrono::steady_clock::now() >= deadline) kill(pid, SIGKILL);
     std::this_thread::sleep_for(std::chrono::microseconds(500));
   }
   ToolResult result{readTextFile(outPath), readTextFile(errPath)};

@@ -22,10 +22,9 @@ using Environment = std::map<std::string, std::string>;
 /// Runs the tool (argv[0] "zorv-label-manager-tool") with `args`, stdin from
 /// /dev/null, the test process's environment plus `env` (an empty value
 /// removes the variable) and no core file. A run still going after
-/// `timeoutSeconds`, or once its standard output holds `stopAt` (when not
-/// empty), is killed with SIGKILL.
+/// `timeoutSeconds` is killed with SIGKILL.
 ToolResult runTool(const std::vector<std::string>& args, const Environment& env = {},
-                   double timeoutSeconds = 30, const std::string& stopAt = "");
+                   double timeoutSeconds = 30);
 
 /// The rule every delete run prints first.
 inline const std::string kDeleteRule = std::string(32, '=') + "\n";

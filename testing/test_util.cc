@@ -5,7 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -21,31 +21,35 @@
 namespace fs = std::filesystem;
 
 namespace zorv_testing {
+namespace {
+
+void putEnv(const std::string& name, const std::optional<std::string>& value) {
+  if (value) {
+    setenv(name.c_str(), value->c_str(), 1);
+  } else {
+    unsetenv(name.c_str());
+  }
+}
+
+}  // namespace
 
 ScopedTempDir::ScopedTempDir() {
   const char* base = getenv("TMPDIR");
   std::string pattern = std::string(base && *base ? base : "/tmp") + "/zorv-test-XXXXXX";
-  std::vector<char> buffer(pattern.begin(), pattern.end());
-  buffer.push_back('\0');
-  if (mkdtemp(buffer.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-  path_ = buffer.data();
+  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = pattern;
 }
 
+// Root removes the read-only or unreadable directories tests leave behind.
 ScopedTempDir::~ScopedTempDir() {
-  // Tests may leave read-only or unreadable directories behind; root removes
-  // them anyway, so a plain recursive removal is enough.
   std::error_code ignored;
   fs::remove_all(path_, ignored);
-}
-
-std::string ScopedTempDir::operator/(const std::string& relative) const {
-  return path_ + "/" + relative;
 }
 
 void makeDirs(const std::string& path) { fs::create_directories(path); }
 
 void writeTextFile(const std::string& path, const std::string& content) {
-  fs::path parent = fs::path(path).parent_path();
+  const fs::path parent = fs::path(path).parent_path();
   if (!parent.empty()) fs::create_directories(parent);
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   if (!out) throw std::runtime_error("cannot write " + path);
@@ -53,9 +57,8 @@ void writeTextFile(const std::string& path, const std::string& content) {
 }
 
 std::string readTextFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream text;
-  text << in.rdbuf();
+  text << std::ifstream(path, std::ios::binary).rdbuf();
   return text.str();
 }
 
@@ -73,18 +76,14 @@ LogCapture::LogCapture() {
 }
 
 LogCapture::~LogCapture() {
-  log4cpp::Category& root = log4cpp::Category::getRoot();
   log4cpp::Category::getInstance("INFO").removeAppender(appender_.get());
-  root.removeAppender(appender_.get());
-  root.setPriority(savedPriority_);
+  log4cpp::Category::getRoot().removeAppender(appender_.get());
+  log4cpp::Category::getRoot().setPriority(savedPriority_);
 }
 
 std::vector<std::string> LogCapture::lines() {
-  auto& queue = appender_->getQueue();
-  while (!queue.empty()) {
+  for (auto& queue = appender_->getQueue(); !queue.empty(); queue.pop())
     seen_.push_back(queue.front());
-    queue.pop();
-  }
   return seen_;
 }
 
@@ -98,19 +97,15 @@ std::vector<std::string> LogCapture::records() {
 }
 
 size_t LogCapture::countRecord(const std::string& record) {
-  size_t n = 0;
-  for (const std::string& r : records())
-    if (r == record) ++n;
-  return n;
+  const std::vector<std::string> all = records();
+  return static_cast<size_t>(std::count(all.begin(), all.end(), record));
 }
 
-bool LogCapture::contains(const std::string& text) { return count(text) > 0; }
-
 size_t LogCapture::count(const std::string& text) {
-  size_t n = 0;
-  for (const std::string& line : lines())
-    if (line.find(text) != std::string::npos) ++n;
-  return n;
+  const std::vector<std::string> all = lines();
+  return static_cast<size_t>(std::count_if(all.begin(), all.end(), [&](const std::string& l) {
+    return l.find(text) != std::string::npos;
+  }));
 }
 
 std::string LogCapture::dump() {
@@ -120,11 +115,9 @@ std::string LogCapture::dump() {
 }
 
 int runShell(const std::string& command) {
-  int status = system(command.c_str());
-  if (status == -1) return -1;
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-  return status;
+  const int status = system(command.c_str());
+  if (status != -1 && WIFEXITED(status)) return WEXITSTATUS(status);
+  return status != -1 && WIFSIGNALED(status) ? 128 + WTERMSIG(status) : status;
 }
 
 std::vector<std::string> splitLines(const std::string& text) {
@@ -168,19 +161,9 @@ std::string runAsNobody(const std::function<std::string()>& body) {
 ScopedEnv::ScopedEnv(const std::string& name, const std::optional<std::string>& value)
     : name_(name) {
   if (const char* old = getenv(name.c_str())) saved_ = old;
-  if (value) {
-    setenv(name.c_str(), value->c_str(), 1);
-  } else {
-    unsetenv(name.c_str());
-  }
+  putEnv(name, value);
 }
 
-ScopedEnv::~ScopedEnv() {
-  if (saved_) {
-    setenv(name_.c_str(), saved_->c_str(), 1);
-  } else {
-    unsetenv(name_.c_str());
-  }
-}
+ScopedEnv::~ScopedEnv() { putEnv(name_, saved_); }
 
 }  // namespace zorv_testing

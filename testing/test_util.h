@@ -23,10 +23,8 @@ class ScopedTempDir {
   ~ScopedTempDir();
   ScopedTempDir(const ScopedTempDir&) = delete;
   ScopedTempDir& operator=(const ScopedTempDir&) = delete;
-
   const std::string& path() const { return path_; }
-  /// path() + "/" + relative.
-  std::string operator/(const std::string& relative) const;
+  std::string operator/(const std::string& relative) const { return path_ + "/" + relative; }
 
  private:
   std::string path_;
@@ -39,9 +37,8 @@ void makeDirs(const std::string& path);
 /// The whole file, or "" if it cannot be read.
 std::string readTextFile(const std::string& path);
 
-/// Collects every message logged through log4cpp's root category (and the
-/// "INFO" category) while it lives, one "PRIORITY message" text per record,
-/// with the root's priority lowered to DEBUG.
+/// Collects every record logged through log4cpp's root category (and the
+/// "INFO" category) while it lives, with the root's priority lowered to DEBUG.
 class LogCapture {
  public:
   LogCapture();
@@ -56,10 +53,9 @@ class LogCapture {
   /// How many of records() read exactly `record`.
   size_t countRecord(const std::string& record);
   bool hasRecord(const std::string& record) { return countRecord(record) > 0; }
-  /// True when a record holds `text`.
-  bool contains(const std::string& text);
-  /// Records that hold `text`.
+  /// How many records hold `text`.
   size_t count(const std::string& text);
+  bool contains(const std::string& text) { return count(text) > 0; }
   /// All records joined by newlines, for failure messages.
   std::string dump();
 
@@ -71,16 +67,13 @@ class LogCapture {
 
 /// Runs `command` with /bin/sh; returns its exit status (or 128+signal).
 int runShell(const std::string& command);
-
 /// The lines of `text`, without their newlines.
 std::vector<std::string> splitLines(const std::string& text);
-
 /// How many file descriptors this process has open.
 size_t openDescriptorCount();
 
-/// Runs `body` in a forked child as uid and gid 65534 (tests run as root,
-/// which no permission bit stops) and answers the text it returned, or
-/// "could not drop privileges".
+/// Runs `body` in a forked child as uid and gid 65534 (root ignores permission
+/// bits) and answers the text it returned, or "could not drop privileges".
 std::string runAsNobody(const std::function<std::string()>& body);
 
 /// Sets (or, with std::nullopt, removes) one environment variable of this
