@@ -1,7 +1,10 @@
-// The command line as a whole: usage, option errors, actions and dispatch.
+// The command line against the test double: usage, option errors, where the
+// operands begin, and what each command family passes to the library, prints
+// and exits with.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -10,9 +13,11 @@
 namespace zorv_testing {
 namespace {
 
-// Written independently of the tool's table: {T} tab, {G}/{Y}/{R} colours,
-// {C} the command, {P} the path placeholder. Two option lines end in a space.
-std::string expectedUsage() {
+using Calls = std::vector<std::string>;
+
+TEST(DispatchE2eTest, UsageAndSm3EndTheRunEarly) {
+  // Written independently of the tool's table: {T} tab, {G}/{Y}/{R} colours,
+  // {C} the command, {P} the path placeholder. Two option lines end in a space.
   std::string text = R"(
 ===========================================================================================
 option:
@@ -80,67 +85,94 @@ Command usage example:
 {T}1)删除文件/目录标记 :          {C} -d -l {P}
 {T}2)递归删除目录下所有文件标记 :  {C} -R -d -l {P}
 )";
-  const char* const marks[][2] = {{"{T}", "\t"},
-                                  {"{G}", "\x1b[1;32m"},
-                                  {"{Y}", "\x1b[1;33m"},
-                                  {"{R}", "\x1b[0m"},
-                                  {"{C}", "zorv-label-manager-tool"},
-                                  {"{P}", "文件完整路径"}};
-  for (const auto& [mark, value] : marks)
+  for (const auto& [mark, value] :
+       std::map<std::string, std::string>{{"{T}", "\t"},
+                                          {"{G}", "\x1b[1;32m"},
+                                          {"{Y}", "\x1b[1;33m"},
+                                          {"{R}", "\x1b[0m"},
+                                          {"{C}", "zorv-label-manager-tool"},
+                                          {"{P}", "文件完整路径"}})
     for (size_t at; (at = text.find(mark)) != std::string::npos;) text.replace(at, 3, value);
-  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 66);
-  return text;
-}
-
-TEST(DispatchE2eTest, UsageAndSm3EndTheRunEarly) {
+  ASSERT_EQ(std::count(text.begin(), text.end(), '\n'), 66);
   FakeLabelManager fake;
-  const std::string usage = expectedUsage();
-  fake.expect({}, usage);
+  fake.expect({}, text);
   // Options before -h are read and dropped; those after it are never read.
-  fake.expect({"-g", "-o", "/f", "-h", "-x"}, usage);
+  fake.expect({"-g", "-o", "/f", "-h", "-x"}, text);
   fake.expect({"--sm3", "abc", "-g", "-o", "/f"}, "SM3 Hash (last 64 bits): 297da02b8f4ba8e0\n");
   EXPECT_TRUE(fake.calls().empty());
 }
 
-TEST(DispatchE2eTest, OptionErrorsAndRunsWithNothingToDo) {
+TEST(DispatchE2eTest, OptionErrorsAndSoftEndings) {
   FakeLabelManager fake;
+  fake.script("setFileTid ret=1\nsetPkgId ret=-1\n");
   fake.expect({"-x"}, "", 1, "zorv-label-manager-tool: invalid option -- 'x'\n");
   // The long form of -d wants an argument the short form does not take.
   fake.expect({"--del"}, "", 1, "zorv-label-manager-tool: option '--del' requires an argument\n");
-  fake.expect({"-d"}, kDeleteRule);
   fake.expect({"-l", "/x"}, "", 1);  // no action option
   fake.expect({"-g"}, "arg error, please check the usage help\n", 1);
+  fake.expect({"-a", "-o", "/f", "1", "2"}, "set file oid error, parameter error.\n", 1);
+  // These end with 0 although nothing was done or the library failed.
   fake.expect({"-g", "-f", "x"}, "");
-  EXPECT_TRUE(fake.calls().empty());
+  fake.expect({"-a", "-t", "/f", "1f"}, "set file tid error. /f\n");
+  fake.expect({"-a", "-p", "vim", "abc"}, "set pkgid error. vim\n");
 }
 
-// getopt moves non-options behind the options, and the operands begin at the
-// last option's argument (or at its own word when it takes none).
+// getopt moves non-options behind the options; the operands begin at the last
+// option's argument (or at its own word when it takes none), and set commands
+// take their values from the end of the line.
 TEST(DispatchE2eTest, OperandsBeginAtTheLastOptionsArgument) {
   FakeLabelManager fake;
+  const std::string zero = "0000000000000000-0000000000000000-0000000000000000";
   struct Case {
     std::vector<std::string> args;
     std::string out, call;
   } const cases[] = {
-      {{"-a", "-o", "/f", "1", "2", "3", "-P"},
+      {{"-a", "-o", "/f", "1", "2", "ffffffffffffffff", "-P"},
        "set file oid success. -P\n",
-       "setFileOid(\"-P\", 1, {0x1, 0x2, 0x3})"},
+       "setFileOid(\"-P\", 1, {0x1, 0x2, 0xffffffffffffffff})"},
       {{"-d", "-o", "/a", "-R"},
        kDeleteRule + "-R\ndelete file oid success. -R\n",
        "delFileOid(\"-R\", 0)"},
       {{"--del", "x", "-o", "/f"},
        kDeleteRule + "/f\ndelete file oid success. /f\n",
        "delFileOid(\"/f\", 0)"},
-      // The last action wins and -v is read but unused.
-      {{"-d", "--get", "-v", "9", "-o", "/f"},
-       "/f oid:0000000000000000-0000000000000000-0000000000000000\n",
-       "getFileOid(\"/f\")"},
+      // The last action wins.
+      {{"-d", "--get", "-o", "/f"}, "/f oid:" + zero + "\n", "getFileOid(\"/f\")"},
+      {{"-P", "-g", "-u", "-o", "/d/*"},
+       "No oid has been set for any file.\n",
+       "queryUserSetFileOid(\"/d/*\", 1)"},
   };
   for (const Case& c : cases) {
     fake.script("");
     fake.expect(c.args, c.out);
-    EXPECT_EQ(fake.calls(), std::vector<std::string>{c.call});
+    EXPECT_EQ(fake.calls(), Calls{c.call});
   }
+}
+
+TEST(LookupE2eTest, PolicySelfTestLeavesTheStreamHexadecimal) {
+  FakeLabelManager fake;
+  fake.script("policies_parse entry=subject_pkg|vim|1f,2,3\ngetLabelSetStatus ret=26\n");
+  fake.expect({"-g", "-b"},
+              "policies_parse test begin\nsubject_pkg:vim 000000000000001f\n"
+              "policies_parse test end\nLabelSetStatus: 1a\n");
+  EXPECT_EQ(fake.calls(),
+            (Calls{"policies_parse(object_file: \"/etc/b\" \"/boot/config-6.6.10\"; "
+                   "object_recurfile: \"/home/*/desktop/*\" \"/home/tst/desktop/*\"; "
+                   "subject_file: \"/usr/sbin/tc\" \"/etc/pwd/config\"; subject_pkg: \"vim\"; )",
+                   "getLabelSetStatus()"}));
+}
+
+TEST(LookupE2eTest, ListenerPrintsMessagesUntilAReceiveFails) {
+  FakeLabelManager fake;
+  fake.script(
+      "recvLabelChangeMsg text=file set-oid /f 1\nrecvLabelChangeMsg null\nrecvLabelChangeMsg "
+      "ret=1\n");
+  fake.expect({"-S", "-T", "file set"},
+              "Recviced: file set-oid /f 1\nRecviced: \nrecvice file label change message error.\n",
+              1);
+  EXPECT_EQ(fake.calls(),
+            (Calls{"createSubscriber()", "subscribeLabelChangeMsg(\"file set\")",
+                   "recvLabelChangeMsg()", "recvLabelChangeMsg()", "recvLabelChangeMsg()"}));
 }
 
 }  // namespace

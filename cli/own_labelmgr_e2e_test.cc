@@ -1,6 +1,7 @@
 // The tool against our own label manager library, on real files with real
 // attributes, with its state and a package database in a temporary directory.
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -60,6 +61,30 @@ TEST_F(OwnLabelMgrE2eTest, ABadNumberAbortsAndWritesNothingAnywhere) {
   }
   EXPECT_NE(Label().getFromXattr(file_, false), 0) << "a label was written";
   EXPECT_NE(access(stateDir().c_str(), F_OK), 0) << "the state was touched";
+}
+
+// Run as uid 65534 with copies of the tool and the test double in the
+// temporary tree, which that user can reach whatever the build tree allows.
+TEST_F(OwnLabelMgrE2eTest, AnUnreadableDirectoryInARecursiveListingIsReportedAndSkipped) {
+  writeTextFile(base_ + "/t/locked/hidden", "");
+  ASSERT_EQ(chmod(base_.c_str(), 0777), 0);  // the run logs here
+  ASSERT_EQ(chmod((base_ + "/t").c_str(), 0755), 0);
+  ASSERT_EQ(chmod((base_ + "/t/locked").c_str(), 0700), 0);
+  const std::string fakeDir = fakeLabelManagerDir();
+  const std::string tool = fakeDir.substr(0, fakeDir.rfind('/')) + "/zorv-label-manager-tool";
+  ASSERT_EQ(runShell("cp -a '" + fakeDir + "' '" + tool + "' '" + base_ + "'"), 0);
+  writeTextFile(base_ + "/log.properties",
+                "log4cpp.rootCategory=DEBUG, F\nlog4cpp.appender.F=FileAppender\n"
+                "log4cpp.appender.F.fileName=" +
+                    base_ + "/tool.log\nlog4cpp.appender.F.layout=SimpleLayout\n");
+  EXPECT_EQ(runShell("cd '" + base_ +
+                     "' && setpriv --reuid=65534 --regid=65534 --clear-groups env -i "
+                     "LD_LIBRARY_PATH=fake ZORV_LABEL_LOG_PROPERTIES=log.properties "
+                     "./zorv-label-manager-tool -R -g -l t >out 2>err"),
+            0);
+  EXPECT_EQ(readTextFile(base_ + "/out"),
+            "get file label failed, \nt/locked opendir error: Permission denied\n");
+  EXPECT_EQ(readTextFile(base_ + "/err"), "");
 }
 
 }  // namespace
