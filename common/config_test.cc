@@ -8,7 +8,6 @@
 
 #include "testing/test_util.h"
 
-using zorv_testing::LogCapture;
 using zorv_testing::ScopedTempDir;
 using zorv_testing::writeTextFile;
 
@@ -68,15 +67,4 @@ TEST(ConfigTest, SameCrlfFileReadByBothRuleSets) {
       {"s.eq", "a=b"}, {"s.keytab", "x\ty"}, {" net .", "emptykey"}, {"after", "reset"},
   };
   EXPECT_EQ(flat, readConfig(dir / "c.ini"));
-}
-
-TEST(ConfigTest, MissingFileGivesEmptyTableAndEachReaderItsMessage) {
-  ScopedTempDir dir;
-  const std::string missing = dir / "missing.ini";
-  LogCapture capture;
-  EXPECT_TRUE(parseConfig(missing).empty());
-  EXPECT_TRUE(readConfig(missing).empty());
-  EXPECT_EQ((std::vector<std::string>{"ERROR [parseConfig] Failed to open config: " + missing,
-                                      "ERROR [readConfig] can not open file " + missing}),
-            capture.records());
 }
