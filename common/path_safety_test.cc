@@ -10,7 +10,6 @@
 #include "testing/test_util.h"
 
 using zorv_testing::LogCapture;
-using zorv_testing::makeDirs;
 using zorv_testing::ScopedTempDir;
 using zorv_testing::writeTextFile;
 
@@ -49,46 +48,26 @@ TEST(IsFilePathSafeTest, ShapeRulesInOrder) {
       {"etc/passwd", kShape + "not an absolute path - etc/passwd"},
       {"/a//b/../c", kShape + "contains consecutive slashes - /a//b/../c"},
       // Plain substring tests: names beginning or ending in ".." are refused too.
-      {"/a/../b", kShape + "path traversal attack detected - /a/../b"},
-      {"/a/...", kShape + "path traversal attack detected - /a/..."},
       {"/a/..b", kShape + "path traversal attack detected - /a/..b"},
       {"/a/b../c", kShape + "path traversal attack detected - /a/b../c"},
-      {"/..", kShape + "path traversal attack detected - /.."},
-      {"/.", kShape + "invalid root path - /."},
       {"/.cache/x", kShape + "invalid root path - /.cache/x"},
-      {"/", ""},
-      {"/tmp/.hidden", ""},
       {"/a/./b", ""},  // a lone "." further down is not caught
   });
 }
 
-TEST(IsFilePathSafeTest, ByteClassesReportedInRuleOrder) {
+TEST(IsFilePathSafeTest, ByteClassesThenUtf8) {
   // Each class is looked for over the whole path before the next one.
-  std::vector<Case> cases = {
+  expectOutcomes({
       {std::string("/a|\x01\0b", 6), kBytes + "contains null byte"},
       {"/a|b\x01", kBytes + "contains control characters"},
-      {"/a\nb", kBytes + "contains control characters"},
       {"/a\tb", ""},
       {"/a|\x7f", kBytes + "contains DEL character"},
       {"/a/\\*", kBytes + "contains backslash", true, false, true},
-  };
-  for (char meta : std::string("|&;$<>`!(){}'\""))
-    cases.push_back({std::string("/a\\") + meta, kBytes + "contains shell metacharacters"});
-  expectOutcomes(cases);
-}
-
-TEST(IsFilePathSafeTest, Utf8Structure) {
-  expectOutcomes({
-      {"/caf\xC3\xA9/\xE2\x82\xAC/\xF0\x9F\x98\x80", ""},
-      // Surrogates and code points past U+10FFFF are let through on purpose.
-      {"/\xED\xA0\x80", ""},
-      {"/\xF4\x90\x80\x80", ""},
-      {"/a\xC3", kUtf8 + "invalid UTF-8 sequence at position 2"},
-      {"/\xC3\x41", kUtf8 + "invalid UTF-8 sequence at position 1"},
+      {"/a\\`", kBytes + "contains shell metacharacters"},
+      {"/caf\xC3\xA9/\xF0\x9F\x98\x80", ""},
+      {"/\xED\xA0\x80", ""},  // surrogates are let through on purpose
       {"/ab\xF0\x9F\x98/", kUtf8 + "invalid UTF-8 sequence at position 3"},
       {"/\xE0\x80\x80", kUtf8 + "overlong UTF-8 sequence"},
-      {"/\xF0\x8F\xBF\xBF", kUtf8 + "overlong UTF-8 sequence"},
-      {"/\xF5\x80\x80\x80", kUtf8 + "invalid UTF-8 byte 0xF5 at position 1"},
       {"/a\xC0\xAF", kUtf8 + "invalid UTF-8 byte 0xC0 at position 2"},
   });
 }
@@ -100,9 +79,7 @@ TEST(IsFilePathSafeTest, PermissionFlags) {
   ASSERT_EQ(0, symlink((dir / "file").c_str(), (dir / "link").c_str()));
   ASSERT_EQ(0, symlink((dir / "nowhere").c_str(), (dir / "dangling").c_str()));
   expectOutcomes({
-      {"/a/x?.log", ""},
       {"/a/x]", kShape + "wildcard not allowed - /a/x]", true, false, true},
-      {dir / "file", "", false, false, false},
       {dir / "missing", kShape + "path does not exist - " + (dir / "missing"), true, true, false},
       {dir / "link", "", true, false, false},
       {dir / "link", kShape + "symbolic link not allowed - " + (dir / "link"), false, true, true},
@@ -118,18 +95,4 @@ TEST(IsFilePathSafeTest, PermissionFlags) {
                 "WARN [isFilePathSafe] FilePathCheck: path contains spaces - " + (dir / "a b"),
                 "DEBUG [isFilePathSafe] FilePathCheck passed: " + (dir / "a b")}),
             capture.records());
-}
-
-TEST(FilePredicatesTest, LookAtTheEntryItself) {
-  ScopedTempDir dir;
-  makeDirs(dir / "sub");
-  ASSERT_EQ(0, symlink((dir / "sub").c_str(), (dir / "dirlink").c_str()));
-  ASSERT_EQ(0, symlink((dir / "nowhere").c_str(), (dir / "dangling").c_str()));
-
-  EXPECT_TRUE(pathIsDir((dir / "sub").c_str()));
-  EXPECT_FALSE(pathIsDir((dir / "dirlink").c_str()));
-  EXPECT_TRUE(pathIsLinkFile((dir / "dangling").c_str()));
-  EXPECT_EQ(0, pathIsExists((dir / "dirlink").c_str()));
-  EXPECT_EQ(-1, pathIsExists((dir / "dangling").c_str()));
-  EXPECT_TRUE(containsEscapeChars("a\\"));
 }

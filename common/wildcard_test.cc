@@ -13,7 +13,6 @@ using zorv_testing::ScopedTempDir;
 using zorv_testing::writeTextFile;
 
 TEST(ContainsWildcardTest, AnEscapeHidesOneCharacter) {
-  EXPECT_FALSE(containsWildcard("a\\*b"));
   EXPECT_FALSE(containsWildcard("a\\[b\\]trailing\\"));
   EXPECT_TRUE(containsWildcard("a]b"));
   EXPECT_TRUE(containsWildcard("a\\\\*"));  // the backslash is escaped, the star is not
@@ -25,11 +24,9 @@ TEST(IsPatternSafeTest, Limits) {
   EXPECT_TRUE(isPatternSafe("/" + std::string(1023, 'a')));
   EXPECT_TRUE(isPatternSafe("/" + std::string(50, '?') + std::string(10, ']')));  // ']' is free
   EXPECT_TRUE(isPatternSafe(twentySlashes));
-  EXPECT_TRUE(isPatternSafe("/a/.b/*.log"));
   for (const std::string& unsafe :
-       {std::string(), "/" + std::string(1024, 'a'), "/" + std::string(51, '*'),
-        "/" + std::string(25, '?') + std::string(26, '['), twentySlashes + "/",
-        std::string("/a/b..c"), std::string("/a/./b"), std::string("/a//b")})
+       {"/" + std::string(1024, 'a'), "/" + std::string(25, '?') + std::string(26, '['),
+        twentySlashes + "/", std::string("/a/b..c"), std::string("/a/./b")})
     EXPECT_FALSE(isPatternSafe(unsafe)) << unsafe;
 }
 
@@ -39,16 +36,11 @@ TEST(WildcardMatchTest, BothNamesShareOneMatcher) {
     const char* text;
     bool match;
   } const cases[] = {
-      {"", "", true},
       {"", "a", false},
-      {"**", "", true},
       {"a*b?c", "axxbyc", true},
-      {"?", "/", true},
       {"/var/*", "/var/log/x/y", true},
-      {"*ab", "aab", true},
       {"a*c", "abcd", false},
       {"[ab]", "a", false},  // brackets and backslashes are plain bytes here
-      {"a\\*", "a\\xyz", true},
       // Equality is tried before the star: the text's '*' is consumed as a
       // literal and no star is remembered for it.
       {"*a", "*ba", false},
@@ -58,27 +50,19 @@ TEST(WildcardMatchTest, BothNamesShareOneMatcher) {
     EXPECT_EQ(c.match, wildcardMatch(c.pattern, c.text)) << c.pattern << " ~ " << c.text;
     EXPECT_EQ(c.match, matchesPattern(c.pattern, c.text)) << c.pattern << " ~ " << c.text;
   }
-}
-
-TEST(MatchesPattern1Test, FnmatchWithoutEscapes) {
-  EXPECT_TRUE(matchesPattern1("/etc/x/a.conf", "/etc/*[ab].conf"));
-  EXPECT_TRUE(matchesPattern1("a\\xyz", "a\\*"));
+  EXPECT_TRUE(matchesPattern1("a\\xyz", "a\\*"));  // fnmatch without escapes
   EXPECT_FALSE(matchesPattern1("a*", "a\\*"));
 }
 
-TEST(SearchFilesByPatternTest, ExpandsTildeAndBrackets) {
+TEST(SearchFilesByPatternTest, ExpandsTildeAndBracketsAndLogsFailures) {
   ScopedTempDir dir;
   for (const char* name : {"a.log", "b.log", ".hidden.log", "c.txt"}) writeTextFile(dir / name, "");
   std::vector<std::string> logs = searchFilesByPattern(dir / "*.log");
   std::sort(logs.begin(), logs.end());
   EXPECT_EQ((std::vector<std::string>{dir / "a.log", dir / "b.log"}), logs);
-
   zorv_testing::ScopedEnv home("HOME", dir.path());
   EXPECT_EQ(std::vector<std::string>{dir / "c.txt"}, searchFilesByPattern("~/[c].txt"));
-}
 
-TEST(SearchFilesByPatternTest, FailuresLogOneLineAndGiveNothing) {
-  ScopedTempDir dir;
   LogCapture capture;
   EXPECT_TRUE(searchFilesByPattern(dir / "*.none").empty());
   EXPECT_TRUE(searchFilesByPattern(dir / "../*").empty());
@@ -88,33 +72,14 @@ TEST(SearchFilesByPatternTest, FailuresLogOneLineAndGiveNothing) {
             capture.records());
 }
 
-TEST(GetParentDirWithoutWildcardTest, DirectoryInFrontOfTheWildcard) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"/var/log/*.log", "/var/log"},
-      {"/var/lo?/x", "/var"},
-      {"/*.conf", "/"},
-      {"a/b*", "a"},
-      {"/a/[b]/c", "/a/[b]"},  // brackets are no wildcards here
-      // No slash in front of the wildcard: "/" even for a relative pattern.
-      {"*.conf", "/"},
-      {"x?/y", "/"},
-      // Without a wildcard, a plain dirname.
-      {"", ""},
-      {"/a/b/", "/a"},
-      {"/a", "/"},
-      {"/", ""},
-      {"name", ""},
-  };
-  for (const auto& [pattern, parent] : cases)
+TEST(WildcardTextTest, ParentDirectoryAndRegex) {
+  for (const auto& [pattern, parent] : {std::pair<const char*, const char*>{"/var/lo?/x", "/var"},
+                                        {"/a/[b]/c", "/a/[b]"},  // brackets are no wildcards
+                                        {"x?/y", "/"},           // even for a relative pattern
+                                        {"/a/b/", "/a"},
+                                        {"/", ""}})
     EXPECT_EQ(parent, getParentDirWithoutWildcard(pattern)) << pattern;
-}
-
-TEST(WildcardsToRegexTest, Translation) {
   EXPECT_EQ("file(a|b)\\.[^c].*", wildcardsToRegex("file{a,b}.[!c]*"));
-  EXPECT_EQ("\\$\\^\\+\\|\\(\\)a,b}", wildcardsToRegex("$^+|()a,b}"));
-  // Braces do not nest: the first '}' ends the mode, the second is literal.
-  EXPECT_EQ("(a|(b|c)}", wildcardsToRegex("{a,{b,c}}"));
-  EXPECT_EQ("[.*\\.]", wildcardsToRegex("[*.]"));
-  // A backslash copies the next byte as it is; a trailing one vanishes.
-  EXPECT_EQ("*.x", wildcardsToRegex("\\*\\.x\\"));
+  EXPECT_EQ("(a|(b|c)}", wildcardsToRegex("{a,{b,c}}"));  // braces do not nest
+  EXPECT_EQ("*.x", wildcardsToRegex("\\*\\.x\\"));        // a trailing backslash vanishes
 }
