@@ -8,7 +8,6 @@
 #include <sys/vfs.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <deque>
@@ -90,52 +89,35 @@ TEST(TraverseDirectoryTest, BreadthFirstWithoutFollowingLinks) {
   ASSERT_EQ(0, symlink((root + "/d1").c_str(), (root + "/d2/dirlink").c_str()));
   ASSERT_EQ(0, symlink((root + "/none").c_str(), (root + "/dangling").c_str()));
   ASSERT_EQ(0, mkfifo((root + "/d1/fifo").c_str(), 0600));
-
   const std::vector<std::string> got = walkAndLog(root);
   EXPECT_EQ(oneByOneWalk(root), got);
-  EXPECT_EQ(root, got.front());
-  EXPECT_EQ(root + "/d2/d4/d5/f5", got.back());  // the deepest level comes last
-  EXPECT_NE(got.end(), std::find(got.begin(), got.end(), root + "/d2/dirlink"));
-  EXPECT_NE(got.end(), std::find(got.begin(), got.end(), root + "/dangling"));
-  EXPECT_EQ(11u, got.size()) << joinLines(got);  // no fifo, nothing below the link
+  EXPECT_EQ(11u, got.size()) << joinLines(got);  // both links, no fifo, nothing below the link
 
   std::vector<std::string> out = {"kept"};  // appended to, never cleared
   ASSERT_EQ(0, traverseDirectory(root + "/d1/d3", out));
   EXPECT_EQ((std::vector<std::string>{"kept", root + "/d1/d3", root + "/d1/d3/f4"}), out);
 }
 
-TEST(TraverseDirectoryTest, NormalisesTheRoot) {
+TEST(TraverseDirectoryTest, RootsAsGiven) {
   ScopedTempDir dir;
   writeTextFile(dir / "r/x/f", "");
-  ASSERT_EQ(0, symlink((dir / "r").c_str(), (dir / "alias").c_str()));
-  auto walk = [](const std::string& root) {
-    std::vector<std::string> out;
-    EXPECT_EQ(0, traverseDirectory(root, out)) << root;
-    return out;
-  };
-  EXPECT_EQ((std::vector<std::string>{dir / "r", dir / "r/x", dir / "r/x/f"}), walk(dir / "r/"));
-  EXPECT_EQ((std::vector<std::string>{dir / "r/x", dir / "r/x/f"}), walk(dir.path() + "//r//x"));
-  // One trailing slash is dropped before runs are collapsed, so "r//" keeps
-  // one; children are still written with a single slash.
-  EXPECT_EQ((std::vector<std::string>{dir / "r/", dir / "r/x", dir / "r/x/f"}), walk(dir / "r//"));
-  // A link given as the root is followed.
-  EXPECT_EQ(dir / "alias/x/f", walk(dir / "alias").back());
-}
-
-TEST(TraverseDirectoryTest, UnusableRoots) {
-  ScopedTempDir dir;
   writeTextFile(dir / "file", "");
-  const std::string tooLong = "/" + std::string(4096, 'a');
+  ASSERT_EQ(0, symlink((dir / "r").c_str(), (dir / "alias").c_str()));
   std::vector<std::string> out;
+  // One trailing slash is dropped before runs are collapsed, so "r//" keeps one.
+  ASSERT_EQ(0, traverseDirectory(dir / "r//", out));
+  EXPECT_EQ((std::vector<std::string>{dir / "r/", dir / "r/x", dir / "r/x/f"}), out);
+  ASSERT_EQ(0, traverseDirectory(dir / "alias", out));  // a link given as the root is followed
+  EXPECT_EQ(dir / "alias/x/f", out.back());
+
+  out.clear();
   LogCapture capture;
   EXPECT_EQ(-1, traverseDirectory(dir / "file", out));
   EXPECT_EQ(-1, traverseDirectory(dir / "missing/", out));
-  EXPECT_EQ(-1, traverseDirectory(tooLong, out));
   EXPECT_TRUE(out.empty());
   EXPECT_EQ((std::vector<std::string>{kTag + "Not a directory: " + (dir / "file"),
                                       kTag + "Directory does not exist: " + (dir / "missing") +
-                                          ", error: No such file or directory",
-                                      kTag + "Path too long: " + tooLong}),
+                                          ", error: No such file or directory"}),
             capture.records());
 }
 
@@ -161,28 +143,22 @@ TEST(TraverseDirectoryTest, UnreadableDirectoriesInWideLevels) {
                                         "/d3, error: Permission denied\n"));
   EXPECT_NE(std::string::npos,
             out.find(kTag + "Failed to stat path: " + root + "/d1/f, error: Permission denied\n"));
-  EXPECT_EQ(std::string::npos, out.find(root + "/d3\n"));
 }
 
 TEST(TraverseDirectoryTest, StopsAtTheDirectoryCap) {
-  // A hundred thousand directories take a minute to create and remove on a
-  // disk, a second in memory: use a memory file system when there is one.
+  // A memory file system, when there is one, makes 100000 directories cheap.
   struct statfs shm {};
   std::unique_ptr<zorv_testing::ScopedEnv> tmpdir;
   if (statfs("/dev/shm", &shm) == 0 && shm.f_type == TMPFS_MAGIC && access("/dev/shm", W_OK) == 0)
     tmpdir = std::make_unique<zorv_testing::ScopedEnv>("TMPDIR", "/dev/shm");
   ScopedTempDir dir;
   tmpdir.reset();
-
-  // The root and 100000 subdirectories: one more than the walk may read.
-  const std::string root = dir / "wide";
+  const std::string root = dir / "wide";  // the root and one directory more than may be read
   makeDirs(root);
   const int rootFd = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   ASSERT_GE(rootFd, 0);
-  for (int i = 0; i < 100000; ++i)
-    ASSERT_EQ(0, mkdirat(rootFd, std::to_string(i).c_str(), 0755)) << i;
+  for (int i = 0; i < 100000; ++i) ASSERT_EQ(0, mkdirat(rootFd, std::to_string(i).c_str(), 0755));
   close(rootFd);
-
   std::vector<std::string> out;
   LogCapture capture;
   EXPECT_EQ(0, traverseDirectory(root, out));
@@ -191,17 +167,12 @@ TEST(TraverseDirectoryTest, StopsAtTheDirectoryCap) {
             capture.records());
 }
 
-TEST(SortPathsTest, ExpandsStarsOnlyAndOrders) {
+TEST(SortPathsTest, ExpandsStarsOnlyInSignedByteOrder) {
   ScopedTempDir dir;
   for (const char* name : {"a/x2", "a/x1", "a/\xC3\xA9", "a/Z"}) writeTextFile(dir / name, "");
-  EXPECT_EQ((std::vector<std::string>{dir / "a", dir / "a/x1", dir / "a/x2", dir / "b"}),
-            sortPaths({dir / "b", dir / "a/x*", dir / "a"}));
-  EXPECT_EQ((std::vector<std::string>{dir / "a", dir / "a/x?", dir / "b"}),
-            sortPaths({dir / "b", dir / "a/x?", dir / "a"}));
+  EXPECT_EQ((std::vector<std::string>{dir / "a", dir / "a/x1", dir / "a/x2", dir / "a/x?"}),
+            sortPaths({dir / "a/x*", dir / "a/x?", dir / "a", dir / "a/none*"}));
   EXPECT_EQ((std::vector<std::string>{dir / "a/\xC3\xA9", dir / "a/Z", dir / "a/x1", dir / "a/x2"}),
             sortPaths({dir / "a/*"}));
-  // Duplicates stay; a pattern without matches adds nothing.
-  EXPECT_EQ((std::vector<std::string>{dir / "a", dir / "a", dir / "a/x1", dir / "a/x1"}),
-            sortPaths({dir / "a/*1", dir / "a", dir / "a/none*", dir / "a/x*1", dir / "a"}));
   EXPECT_THROW(sortPaths({dir / "a", dir / "missing/*"}), fs::filesystem_error);
 }
