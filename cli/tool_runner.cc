@@ -17,23 +17,19 @@ extern char** environ;
 
 namespace zorv_testing {
 
-ToolResult runTool(const std::vector<std::string>& args, const Environment& env,
-                   double timeoutSeconds) {
-  Environment merged;
-  for (char** e = environ; *e != nullptr; ++e)
-    if (const char* eq = std::strchr(*e, '=')) merged[std::string(*e, eq - *e)] = eq + 1;
-  for (const auto& [name, value] : env) merged[name] = value;
+ToolResult runTool(const std::vector<std::string>& args,
+                   const std::map<std::string, std::string>& env, double timeoutSeconds) {
   std::vector<std::string> argvTexts{"zorv-label-manager-tool"}, envTexts;
   argvTexts.insert(argvTexts.end(), args.begin(), args.end());
-  for (const auto& [name, value] : merged)
+  for (char** e = environ; *e != nullptr; ++e)
+    if (env.count(std::string(*e, std::strcspn(*e, "="))) == 0) envTexts.push_back(*e);
+  for (const auto& [name, value] : env)
     if (!value.empty()) envTexts.push_back(name + "=" + value);
-  auto pointers = [](std::vector<std::string>& texts) {
-    std::vector<char*> result;
-    for (std::string& t : texts) result.push_back(t.data());
-    result.push_back(nullptr);
-    return result;
-  };
-  std::vector<char*> argv = pointers(argvTexts), envp = pointers(envTexts);
+  std::vector<char*> argv, envp;
+  for (std::string& t : argvTexts) argv.push_back(t.data());
+  for (std::string& t : envTexts) envp.push_back(t.data());
+  argv.push_back(nullptr);
+  envp.push_back(nullptr);
 
   // Output goes to files rather than pipes: nothing to drain while the run
   // goes on, and another thread's child cannot inherit our end of a pipe.
@@ -75,16 +71,12 @@ void expectResult(const ToolResult& r, const std::string& out, int status, const
 
 std::string fakeLabelManagerDir() { return ZORV_FAKE_LABELMGR_DIR; }
 
-void FakeLabelManager::script(const std::string& rules) {
-  writeTextFile(dir_ / "script", rules);
-  writeTextFile(dir_ / "calls", "");
-}
-
-ToolResult FakeLabelManager::run(const std::vector<std::string>& args, Environment env) const {
-  env["LD_LIBRARY_PATH"] = fakeLabelManagerDir();
-  env["ZORV_FAKE_LABELMGR_SCRIPT"] = dir_ / "script";
-  env["ZORV_FAKE_LABELMGR_LOG"] = dir_ / "calls";
-  return runTool(args, env);
+void FakeLabelManager::expect(const std::vector<std::string>& args, const std::string& out,
+                              int status, const std::string& err) const {
+  expectResult(runTool(args, {{"LD_LIBRARY_PATH", fakeLabelManagerDir()},
+                              {"ZORV_FAKE_LABELMGR_SCRIPT", dir_ / "script"},
+                              {"ZORV_FAKE_LABELMGR_LOG", dir_ / "calls"}}),
+               out, status, err);
 }
 
 }  // namespace zorv_testing

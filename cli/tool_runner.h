@@ -17,36 +17,31 @@ struct ToolResult {
   int signal = 0;   // the signal that ended the run, or 0
 };
 
-using Environment = std::map<std::string, std::string>;
-
 /// Runs the tool (argv[0] "zorv-label-manager-tool") with `args`, stdin from
 /// /dev/null, the test process's environment plus `env` (an empty value
-/// removes the variable) and no core file. A run still going after
-/// `timeoutSeconds` is killed with SIGKILL.
-ToolResult runTool(const std::vector<std::string>& args, const Environment& env = {},
-                   double timeoutSeconds = 30);
-
-/// The rule every delete run prints first.
-inline const std::string kDeleteRule = std::string(32, '=') + "\n";
-
+/// removes the variable) and no core file; killed with SIGKILL when still
+/// going after `timeoutSeconds`.
+ToolResult runTool(const std::vector<std::string>& args,
+                   const std::map<std::string, std::string>& env = {}, double timeoutSeconds = 30);
 /// Expects exactly `out` and `err` from `r`, exit status `status` and no signal.
 void expectResult(const ToolResult& r, const std::string& out, int status = 0,
                   const std::string& err = "");
-
+/// The rule every delete run prints first.
+inline const std::string kDeleteRule = std::string(32, '=') + "\n";
 /// The directory of our label manager library's test double.
 std::string fakeLabelManagerDir();
 
-/// A scripted test double for one test: a temporary script and call log.
+/// Runs the tool against the test double, with a script and call log of its own.
 class FakeLabelManager {
  public:
   FakeLabelManager() { script(""); }
   /// Replaces the script with `rules` and empties the call log.
-  void script(const std::string& rules);
-  ToolResult run(const std::vector<std::string>& args, Environment env = {}) const;
-  void expect(const std::vector<std::string>& args, const std::string& out, int status = 0,
-              const std::string& err = "") const {
-    expectResult(run(args), out, status, err);
+  void script(const std::string& rules) {
+    writeTextFile(dir_ / "script", rules);
+    writeTextFile(dir_ / "calls", "");
   }
+  void expect(const std::vector<std::string>& args, const std::string& out, int status = 0,
+              const std::string& err = "") const;
   /// Every call the double received, one "operation(arguments)" per entry.
   std::vector<std::string> calls() const { return splitLines(readTextFile(dir_ / "calls")); }
 

@@ -1,14 +1,11 @@
 // A fixture for runs of the real tool against our own label manager library:
-// the library's state and a package database in a temporary directory, named
+// its state and an empty package database in a temporary directory, named
 // through this process's environment, which every run of the tool inherits.
 #ifndef ZORV_TESTING_OWN_LIBRARY_TEST_H_
 #define ZORV_TESTING_OWN_LIBRARY_TEST_H_
 
 #include <limits.h>
 #include <stdlib.h>
-
-#include <optional>
-#include <string>
 
 #include <gtest/gtest.h>
 
@@ -20,13 +17,12 @@ class OwnLibraryTest : public testing::Test {
  protected:
   std::string stateDir() const { return base_ + "/state"; }
   std::string database() const { return stateDir() + "/labelmgr.db"; }
-
-  /// The canonical form of a temporary path, which is what the library
-  /// records and hashes.
+  /// The canonical form of a path, which is what the library records and hashes.
   static std::string canonical(const std::string& path) {
     char resolved[PATH_MAX];
     return realpath(path.c_str(), resolved) != nullptr ? resolved : path;
   }
+
   /// An empty package database under `base`; answers its directory.
   static std::string emptyPackageDatabase(const std::string& base) {
     writeTextFile(base + "/dpkg/status", "");
@@ -40,8 +36,7 @@ class OwnLibraryTest : public testing::Test {
  private:
   ScopedEnv stateEnv_{"ZORV_LABELMGR_STATE_DIR", stateDir()};
   ScopedEnv dpkgEnv_{"ZORV_LABELMGR_DPKG_DIR", emptyPackageDatabase(base_)};
-  // Without it the tool finds our library through its RUNPATH.
-  ScopedEnv libraryEnv_{"LD_LIBRARY_PATH", std::nullopt};
+  ScopedEnv libraryEnv_{"LD_LIBRARY_PATH", std::nullopt};  // so RUNPATH finds our library
 };
 
 }  // namespace zorv_testing

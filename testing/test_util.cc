@@ -98,14 +98,13 @@ std::vector<std::string> LogCapture::records() {
 
 size_t LogCapture::countRecord(const std::string& record) {
   const std::vector<std::string> all = records();
-  return static_cast<size_t>(std::count(all.begin(), all.end(), record));
+  return std::count(all.begin(), all.end(), record);
 }
 
 size_t LogCapture::count(const std::string& text) {
   const std::vector<std::string> all = lines();
-  return static_cast<size_t>(std::count_if(all.begin(), all.end(), [&](const std::string& l) {
-    return l.find(text) != std::string::npos;
-  }));
+  return std::count_if(all.begin(), all.end(),
+                       [&](const std::string& l) { return l.find(text) != std::string::npos; });
 }
 
 std::string LogCapture::dump() {
@@ -142,17 +141,14 @@ std::string runAsNobody(const std::function<std::string()>& body) {
   const pid_t pid = fork();
   if (pid == 0) {
     close(fds[0]);
-    std::string result = "could not drop privileges";
-    if (setgid(65534) == 0 && setuid(65534) == 0) result = body();
-    ssize_t ignored = write(fds[1], result.data(), result.size());
-    (void)ignored;
-    _exit(0);
+    const std::string result =
+        setgid(65534) == 0 && setuid(65534) == 0 ? body() : "could not drop privileges";
+    _exit(write(fds[1], result.data(), result.size()) < 0);
   }
   close(fds[1]);
   std::string result;
   char buffer[4096];
-  for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) > 0;)
-    result.append(buffer, static_cast<size_t>(n));
+  for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) > 0;) result.append(buffer, n);
   close(fds[0]);
   waitpid(pid, nullptr, 0);
   return result;

@@ -32,7 +32,6 @@ class ScopedTempDir {
 
 /// Writes `content` to `path`, creating missing parent directories.
 void writeTextFile(const std::string& path, const std::string& content);
-/// Creates `path` and its missing parents.
 void makeDirs(const std::string& path);
 /// The whole file, or "" if it cannot be read.
 std::string readTextFile(const std::string& path);
@@ -67,9 +66,7 @@ class LogCapture {
 
 /// Runs `command` with /bin/sh; returns its exit status (or 128+signal).
 int runShell(const std::string& command);
-/// The lines of `text`, without their newlines.
 std::vector<std::string> splitLines(const std::string& text);
-/// How many file descriptors this process has open.
 size_t openDescriptorCount();
 
 /// Runs `body` in a forked child as uid and gid 65534 (root ignores permission
