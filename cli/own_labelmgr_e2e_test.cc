@@ -1,6 +1,7 @@
 // The tool against our own label manager library, on real files with real
 // attributes, with its state and a package database in a temporary directory.
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -67,18 +68,16 @@ TEST_F(OwnLabelMgrE2eTest, AnUnreadableDirectoryIsReportedAndSkipped) {
   ASSERT_EQ(chmod(base_.c_str(), 0777), 0);  // the run logs here
   ASSERT_EQ(chmod((base_ + "/t").c_str(), 0755), 0);
   ASSERT_EQ(chmod((base_ + "/t/locked").c_str(), 0700), 0);
-  const std::string fakeDir = fakeLabelManagerDir();
-  const std::string tool = fakeDir.substr(0, fakeDir.rfind('/')) + "/zorv-label-manager-tool";
-  ASSERT_EQ(runShell("cp -a '" + fakeDir + "' '" + tool + "' '" + base_ + "'"), 0);
   writeTextFile(base_ + "/log.properties",
                 "log4cpp.rootCategory=DEBUG, F\nlog4cpp.appender.F=FileAppender\n"
-                "log4cpp.appender.F.fileName=" +
-                    base_ + "/tool.log\nlog4cpp.appender.F.layout=SimpleLayout\n");
-  EXPECT_EQ(runShell("cd '" + base_ +
-                     "' && setpriv --reuid=65534 --regid=65534 --clear-groups env -i "
-                     "LD_LIBRARY_PATH=fake ZORV_LABEL_LOG_PROPERTIES=log.properties "
-                     "./zorv-label-manager-tool -R -g -l t >out 2>err"),
-            0);
+                "log4cpp.appender.F.fileName=tool.log\nlog4cpp.appender.F.layout=SimpleLayout\n");
+  const std::string fake = fakeLabelManagerDir(),
+                    tool = fake.substr(0, fake.rfind('/')) + "/zorv-label-manager-tool";
+  const std::string run =
+      "cd '" + base_ + "' && cp -a '" + fake + "' '" + tool +
+      "' . && setpriv --reuid=65534 --regid=65534 --clear-groups env -i LD_LIBRARY_PATH=fake "
+      "ZORV_LABEL_LOG_PROPERTIES=log.properties ./zorv-label-manager-tool -R -g -l t >out 2>err";
+  EXPECT_EQ(system(run.c_str()), 0);
   EXPECT_EQ(readTextFile(base_ + "/out"),
             "get file label failed, \nt/locked opendir error: Permission denied\n");
   EXPECT_EQ(readTextFile(base_ + "/err"), "");

@@ -42,8 +42,8 @@ class FakeLabelManager {
   }
   void expect(const std::vector<std::string>& args, const std::string& out, int status = 0,
               const std::string& err = "") const;
-  /// Every call the double received, one "operation(arguments)" per entry.
-  std::vector<std::string> calls() const { return splitLines(readTextFile(dir_ / "calls")); }
+  /// Every call the double received, one "operation(arguments)" line each.
+  std::string calls() const { return readTextFile(dir_ / "calls"); }
 
  private:
   ScopedTempDir dir_;

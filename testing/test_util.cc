@@ -24,11 +24,7 @@ namespace zorv_testing {
 namespace {
 
 void putEnv(const std::string& name, const std::optional<std::string>& value) {
-  if (value) {
-    setenv(name.c_str(), value->c_str(), 1);
-  } else {
-    unsetenv(name.c_str());
-  }
+  (void)(value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str()));
 }
 
 }  // namespace
@@ -111,19 +107,6 @@ std::string LogCapture::dump() {
   std::string all;
   for (const std::string& line : lines()) all += line + "\n";
   return all;
-}
-
-int runShell(const std::string& command) {
-  const int status = system(command.c_str());
-  if (status != -1 && WIFEXITED(status)) return WEXITSTATUS(status);
-  return status != -1 && WIFSIGNALED(status) ? 128 + WTERMSIG(status) : status;
-}
-
-std::vector<std::string> splitLines(const std::string& text) {
-  std::vector<std::string> result;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) result.push_back(line);
-  return result;
 }
 
 size_t openDescriptorCount() {

@@ -51,7 +51,6 @@ class LogCapture {
   std::vector<std::string> records();
   /// How many of records() read exactly `record`.
   size_t countRecord(const std::string& record);
-  bool hasRecord(const std::string& record) { return countRecord(record) > 0; }
   /// How many records hold `text`.
   size_t count(const std::string& text);
   bool contains(const std::string& text) { return count(text) > 0; }
@@ -64,9 +63,6 @@ class LogCapture {
   int savedPriority_;
 };
 
-/// Runs `command` with /bin/sh; returns its exit status (or 128+signal).
-int runShell(const std::string& command);
-std::vector<std::string> splitLines(const std::string& text);
 size_t openDescriptorCount();
 
 /// Runs `body` in a forked child as uid and gid 65534 (root ignores permission
