@@ -1,6 +1,6 @@
 // A private world for tests of the label manager library: a temporary tree of
-// files, a state directory and a fake dpkg database inside it, pointed to by
-// the library's environment variables for the length of one test.
+// files, a state directory and a fake dpkg database, pointed to by the
+// library's environment variables.
 #ifndef ZORV_LABELMGR_LABELMGR_TEST_ENV_H_
 #define ZORV_LABELMGR_LABELMGR_TEST_ENV_H_
 
@@ -29,8 +29,6 @@ class LabelMgrTest : public ::testing::Test {
     base_ = resolved;
     root_ = base_ + "/root";
     makeDirs(root_);
-    setenv("ZORV_LABELMGR_STATE_DIR", (base_ + "/state").c_str(), 1);
-    setenv("ZORV_LABELMGR_DPKG_DIR", (base_ + "/dpkg").c_str(), 1);
     // "alpha" and "beta" are installed, "gamma" only left its configuration.
     writeTextFile(base_ + "/dpkg/status",
                   "Package: alpha\nStatus: install ok installed\nVersion: 1\n"
@@ -45,34 +43,21 @@ class LabelMgrTest : public ::testing::Test {
     writeTextFile(base_ + "/dpkg/info/gamma.list", root_ + "/etc/gamma.conf\n");
   }
 
-  void TearDown() override {
-    unsetenv("ZORV_LABELMGR_STATE_DIR");
-    unsetenv("ZORV_LABELMGR_DPKG_DIR");
-  }
-
-  /// Creates root/relative (and its parents) with `mode`; answers its path.
+  // Creates root/relative (and its parents) with `mode`; answers its path.
   std::string makeFile(const std::string& relative, mode_t mode = 0644) {
     std::string path = root_ + "/" + relative;
     writeTextFile(path, "x");
     chmod(path.c_str(), mode);
     return path;
   }
-
   std::string stateDb() const { return base_ + "/state/labelmgr.db"; }
   bool stateExists() const { return access(stateDb().c_str(), F_OK) == 0; }
-
-  /// The file's label; the zero label when it has none.
-  static Label labelOf(const std::string& path) {
+  static bool hasLabel(const std::string& path) { return Label().getFromXattr(path, false) == 0; }
+  static Label labelOf(const std::string& path) {  // the zero label when none
     Label label;
-    if (label.getFromXattr(path, false) != 0) return Label();
-    return label;
+    return label.getFromXattr(path, false) == 0 ? label : Label();
   }
-  static bool hasLabel(const std::string& path) {
-    Label label;
-    return label.getFromXattr(path, false) == 0;
-  }
-
-  /// The policy OID of a canonical path whose owning package has `pkgId`.
+  // The policy OID of a canonical path whose owning package has `pkgId`.
   static Id policyOid(const std::string& path, uint64_t pkgId) {
     Id oid;
     oid.pkg_ = pkgId;
@@ -84,29 +69,27 @@ class LabelMgrTest : public ::testing::Test {
   ScopedTempDir tmp_;
   std::string base_;  // canonical temporary directory
   std::string root_;  // base_/root: the files the tests label
+  ScopedEnv stateDir_{"ZORV_LABELMGR_STATE_DIR", tmp_ / "state"};
+  ScopedEnv dpkgDir_{"ZORV_LABELMGR_DPKG_DIR", tmp_ / "dpkg"};
 };
 
-/// The records of one query or show call, copied out and freed.
+// The records of one query or show call, copied out and freed.
 struct Records {
   int count = 0;
   std::vector<std::string> names;
   std::vector<std::vector<uint64_t>> values;
 };
-
 template <typename Call>
 Records collectRecords(Call call) {
   Records result;
   UserSetRecord* records = nullptr;
   result.count = call(&records);
-  if (result.count <= 0) {
-    EXPECT_EQ(nullptr, records) << "nothing may be handed out for a count of " << result.count;
-    return result;
-  }
+  EXPECT_TRUE(result.count > 0 || records == nullptr) << "handed out for " << result.count;
   for (int i = 0; i < result.count; ++i) {
     result.names.push_back(records[i].path);
     result.values.push_back({records[i].value[0], records[i].value[1], records[i].value[2]});
   }
-  free(records);
+  if (result.count > 0) free(records);
   return result;
 }
 
