@@ -26,8 +26,6 @@ ToolResult runTool(const std::vector<std::string>& args,
 /// Expects exactly `out` and `err` from `r`, exit status `status` and no signal.
 void expectResult(const ToolResult& r, const std::string& out, int status = 0,
                   const std::string& err = "");
-/// The rule every delete run prints first.
-inline const std::string kDeleteRule = std::string(32, '=') + "\n";
 /// The directory of our label manager library's test double.
 std::string fakeLabelManagerDir();
 

@@ -1,6 +1,5 @@
 #include "testing/test_util.h"
 
-#include <dirent.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -110,12 +109,8 @@ std::string LogCapture::dump() {
 }
 
 size_t openDescriptorCount() {
-  size_t count = 0;
-  DIR* fds = opendir("/proc/self/fd");
-  while (const dirent* entry = readdir(fds))
-    if (entry->d_name[0] != '.') ++count;
-  closedir(fds);
-  return count;
+  const fs::directory_iterator fds("/proc/self/fd");  // counted too, as it is open
+  return std::distance(fs::begin(fds), fs::end(fds));
 }
 
 std::string runAsNobody(const std::function<std::string()>& body) {
