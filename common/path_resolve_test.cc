@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -41,20 +40,16 @@ TEST(GetRealPathTest, ResolvesExistingPathsOrOnlyTheLinksDirectory) {
 TEST(FindFirstValidParentDirTest, DeepestExistingDirectory) {
   ScopedTempDir dir;
   makeDirs(dir / "a/b");
-  writeTextFile(dir / "a/file", "x");
   EXPECT_EQ(dir / "a/b", findFirstValidParentDir(dir / "a/b/*.conf"));
   EXPECT_EQ(dir / "a", findFirstValidParentDir(dir / "a/lo*/x"));  // "lo" is a candidate
-  EXPECT_EQ(dir / "a", findFirstValidParentDir(dir / "a/file/?"));
   EXPECT_EQ("/", findFirstValidParentDir("/zorv-no-such-dir/*"));
   EXPECT_EQ("", findFirstValidParentDir("zorv-no-such-dir/deeper/*"));
 }
 
 TEST(ExpandPathTest, AloneLetsFileSystemErrorsThrough) {
   ScopedTempDir dir;
-  for (const char* name : {"a.log", ".hidden.log", "c.txt"}) writeTextFile(dir / name, "");
-  std::vector<fs::path> logs = expandPath(dir / "*.log");
-  std::sort(logs.begin(), logs.end());
-  EXPECT_EQ((std::vector<fs::path>{dir / ".hidden.log", dir / "a.log"}), logs);
+  writeTextFile(dir / ".hidden.log", "");
+  EXPECT_EQ(std::vector<fs::path>{dir / ".hidden.log"}, expandPath(dir / "*.log"));
   EXPECT_THROW(expandPath(dir / "missing/*"), fs::filesystem_error);
 
   // A name longer than any file system allows makes status() itself fail.
@@ -67,16 +62,4 @@ TEST(ExpandPathTest, AloneLetsFileSystemErrorsThrough) {
   EXPECT_EQ(
       0u, lines[0].find("ERROR [getRealPath] Resolve realpath failed for " + tooLong + "/file: "));
   EXPECT_EQ(0u, lines[1].find("ERROR [findFirstValidParentDir] filesystem error: "));
-}
-
-TEST(PathTextTest, LexicalParentsAndTidying) {
-  EXPECT_FALSE(isParentPath("/etc", "/etc"));
-  EXPECT_TRUE(isParentPath("/a/", "/a/"));
-  EXPECT_FALSE(isParentPath("/a", "/ab"));
-  EXPECT_TRUE(isParentPath("/a/b", "/a/b/../c"));  // ".." is not resolved
-  for (const auto& [path, tidy] : {std::pair<const char*, const char*>{"/*", "/"},
-                                   {"///a///b///", "/a/b"},
-                                   {"/a//b/*", "/a/b"},
-                                   {"/a/**", "/a/**"}})
-    EXPECT_EQ(tidy, formatPath(path)) << path;
 }
