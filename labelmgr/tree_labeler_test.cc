@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,7 @@
 
 #include "labelmgr/label_policy.h"
 #include "labelmgr/labelmgr_test_env.h"
+#include "labelmgr/path_digest.h"
 #include "labelmgr/state_db.h"
 
 namespace zorv_testing {
@@ -177,6 +179,22 @@ TEST_F(TreeLabelerTest, UnreadableDirectoryIsReportedOnceAndTheWalkGoesOn) {
   EXPECT_NE("", rawLabel(locked)) << "the directory itself is labelled through its parent";
   EXPECT_EQ("", rawLabel(hidden));
   EXPECT_NE("", rawLabel(after));
+}
+
+// The tree walk's digest (one reused context per thread) must equal what
+// restore computes through the common helper, across 64-byte block edges.
+TEST(PathDigestTest, AgreesWithTheCommonHelper) {
+  using zorv::labelmgr::sm3Last64Bits;
+  EXPECT_EQ(0x297DA02B8F4BA8E0u, sm3Last64Bits("abc"));
+  std::vector<std::string> inputs = {"", "/", std::string("a\0b", 3)};
+  std::mt19937 random(7);
+  for (size_t length : {55, 56, 64, 65, 4097}) {
+    std::string text(length, '\0');
+    for (char& c : text) c = static_cast<char>(random());
+    inputs.push_back(text);
+  }
+  for (const std::string& text : inputs)
+    EXPECT_EQ(getSM3HashLast64Bits(text), sm3Last64Bits(text)) << "length " << text.size();
 }
 
 }  // namespace
