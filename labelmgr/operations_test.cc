@@ -17,56 +17,28 @@ namespace {
 
 using Values = std::vector<uint64_t>;
 
-// One label field through the library's calls for it.
+// One label field through the library's calls for it: an identifier field
+// (setId, getId) or a 32-bit one (setNumber, getNumber).
 struct FieldCase {
   const char* name;
-  Values value;  // what the test sets
-  int (*set)(const char*, const Values&);
-  int (*get)(const char*, Values*);
+  int (*setId)(const char*, int, ZORV_ID);
+  int (*getId)(const char*, ZORV_ID*);
+  int (*setNumber)(const char*, uint32_t, int);
+  int (*getNumber)(const char*, uint32_t*);
   int (*del)(const char*, int);
   int (*clear)();
   int (*query)(const char*, UserSetRecord**, int);
   int (*show)(UserSetRecord**);
 };
-void PrintTo(const FieldCase& field, std::ostream* out) { *out << field.name; }
-
-// The identifier fields and the 32-bit fields each share one calling shape.
-template <int (*Set)(const char*, int, ZORV_ID), int (*Get)(const char*, ZORV_ID*)>
-struct IdField {
-  static int set(const char* p, const Values& v) { return Set(p, 0, {v[0], v[1], v[2]}); }
-  static int get(const char* p, Values* v) {
-    ZORV_ID id{};
-    const int rc = Get(p, &id);
-    *v = {id.pkg, id.file, id.path};
-    return rc;
-  }
-};
-template <int (*Set)(const char*, uint32_t, int), int (*Get)(const char*, uint32_t*)>
-struct NumberField {
-  static int set(const char* p, const Values& v) { return Set(p, static_cast<uint32_t>(v[0]), 0); }
-  static int get(const char* p, Values* v) {
-    uint32_t n = 0;
-    const int rc = Get(p, &n);
-    *v = {n, 0, 0};
-    return rc;
-  }
-};
-template <typename Field>
-FieldCase field(const char* name, Values value, int (*del)(const char*, int), int (*clear)(),
-                int (*query)(const char*, UserSetRecord**, int), int (*show)(UserSetRecord**)) {
-  return {name, value, Field::set, Field::get, del, clear, query, show};
-}
-
 const FieldCase kFields[] = {
-    field<IdField<setFileOid, getFileOid>>("oid", {1, 2, 3}, delFileOid, clearFileOid,
-                                           queryUserSetFileOid, showUserSetFileOid),
-    field<IdField<setFileSid, getFileSid>>("sid", {4, 5, 6}, delFileSid, clearFileSid,
-                                           queryUserSetFileSid, showUserSetFileSid),
-    field<NumberField<setFileTid, getFileTid>>("tid", {0x77, 0, 0}, delFileTid, clearFileTid,
-                                               queryUserSetFileTid, showUserSetFileTid),
-    field<NumberField<setFileInheritFlag, getFileInheritFlag>>(
-        "inherit_flag", {5, 0, 0}, delFileInheritFlag, clearFileInheritFlag,
-        queryUserSetFileInheritFlag, showUserSetFileInheritFlag),
+    {"oid", setFileOid, getFileOid, nullptr, nullptr, delFileOid, clearFileOid, queryUserSetFileOid,
+     showUserSetFileOid},
+    {"sid", setFileSid, getFileSid, nullptr, nullptr, delFileSid, clearFileSid, queryUserSetFileSid,
+     showUserSetFileSid},
+    {"tid", nullptr, nullptr, setFileTid, getFileTid, delFileTid, clearFileTid, queryUserSetFileTid,
+     showUserSetFileTid},
+    {"inherit_flag", nullptr, nullptr, setFileInheritFlag, getFileInheritFlag, delFileInheritFlag,
+     clearFileInheritFlag, queryUserSetFileInheritFlag, showUserSetFileInheritFlag},
 };
 
 class FieldCycleTest : public LabelMgrTest, public ::testing::WithParamInterface<FieldCase> {};
@@ -75,22 +47,29 @@ class FieldCycleTest : public LabelMgrTest, public ::testing::WithParamInterface
 // label, and clear reaches every file.
 TEST_P(FieldCycleTest, SetGetDeleteClear) {
   const FieldCase& field = GetParam();
+  const Values value = field.setId ? Values{1, 2, 3} : Values{5, 0, 0};
+  auto set = [&](const std::string& path) {
+    return field.setId ? field.setId(path.c_str(), 0, {1, 2, 3})
+                       : field.setNumber(path.c_str(), 5, 0);
+  };
   std::string tool = makeFile("bin/alpha-tool", 0755), other = makeFile("etc/other.txt");
   const std::string toolPolicy = restoreSingleFileInitLabel(tool);
   const std::string otherPolicy = restoreSingleFileInitLabel(other);
 
-  ASSERT_EQ(0, field.set(tool.c_str(), field.value));
+  ASSERT_EQ(0, set(tool));
   const std::string afterSet = labelOf(tool).toString();
   EXPECT_NE(toolPolicy, afterSet);
   EXPECT_EQ(afterSet, restoreSingleFileLabel(tool)) << "set changed more than its field";
-  Values got;
-  ASSERT_EQ(0, field.get(tool.c_str(), &got));
-  EXPECT_EQ(field.value, got);
+  ZORV_ID id{};
+  uint32_t number = 0;
+  ASSERT_EQ(0,
+            field.getId ? field.getId(tool.c_str(), &id) : field.getNumber(tool.c_str(), &number));
+  EXPECT_EQ(value, (field.getId ? Values{id.pkg, id.file, id.path} : Values{number, 0, 0}));
   for (const Records& listed : {collectRecords(field.show), collectRecords([&](UserSetRecord** r) {
                                   return field.query(tool.c_str(), r, 0);
                                 })}) {
     EXPECT_EQ(std::vector<std::string>{tool}, listed.names);
-    EXPECT_EQ(std::vector<Values>{field.value}, listed.values);
+    EXPECT_EQ(std::vector<Values>{value}, listed.values);
   }
 
   ASSERT_EQ(0, field.del(tool.c_str(), 0));
@@ -98,8 +77,8 @@ TEST_P(FieldCycleTest, SetGetDeleteClear) {
   EXPECT_EQ(0, collectRecords(field.show).count);
   EXPECT_LT(field.del(tool.c_str(), 0), 0) << "nothing left to delete";
 
-  ASSERT_EQ(0, field.set(tool.c_str(), field.value));
-  ASSERT_EQ(0, field.set(other.c_str(), field.value));
+  ASSERT_EQ(0, set(tool));
+  ASSERT_EQ(0, set(other));
   ASSERT_EQ(0, field.clear());
   EXPECT_EQ(toolPolicy, labelOf(tool).toString());
   EXPECT_EQ(otherPolicy, labelOf(other).toString());
@@ -110,12 +89,12 @@ TEST_P(FieldCycleTest, SetGetDeleteClear) {
 INSTANTIATE_TEST_SUITE_P(EachField, FieldCycleTest, ::testing::ValuesIn(kFields),
                          [](const auto& info) { return std::string(info.param.name); });
 
-class FileFieldsTest : public LabelMgrTest {};
+class OperationsTest : public LabelMgrTest {};
 
 // A pattern labels what glob matches now and files restored later; a file's
 // own rule wins over patterns, otherwise the pattern set last decides; query
 // lists the deciding rule first, show every rule in the order set.
-TEST_F(FileFieldsTest, PatternRulesAndWhatTheyCover) {
+TEST_F(OperationsTest, PatternRulesAndWhatTheyCover) {
   std::string a = makeFile("etc/a.conf"), b = makeFile("etc/b.conf");
   std::string untouched[] = {makeFile("etc/c.txt"), makeFile("etc/sub/d.conf"),
                              makeFile("etc/.h.conf")};
@@ -157,7 +136,7 @@ TEST_F(FileFieldsTest, PatternRulesAndWhatTheyCover) {
 
 // Every refused path or pattern fails the call with one error line and
 // changes nothing: no label written, no state created.
-TEST_F(FileFieldsTest, GatesRefuseWithOneErrorLine) {
+TEST_F(OperationsTest, GatesRefuseWithOneErrorLine) {
   std::string f = makeFile("etc/f");
   std::string dangling = root_ + "/dangling";
   ASSERT_EQ(0, symlink((root_ + "/gone").c_str(), dangling.c_str()));
@@ -195,7 +174,7 @@ TEST_F(FileFieldsTest, GatesRefuseWithOneErrorLine) {
 // writes: each read-modify-write of the label happens under the state lock.
 // Reading back at once also catches the other process writing back a label it
 // read before this write.
-TEST_F(FileFieldsTest, TwoProcessesSettingDifferentFieldsLoseNothing) {
+TEST_F(OperationsTest, TwoProcessesSettingDifferentFieldsLoseNothing) {
   constexpr uint32_t kRounds = 200;
   std::string file = makeFile("shared.txt");
   auto setTids = [&] {
@@ -231,21 +210,21 @@ TEST_F(FileFieldsTest, TwoProcessesSettingDifferentFieldsLoseNothing) {
   sqlite3_close(db);
 }
 
-class RestoreTest : public LabelMgrTest {};
-
-// Without rules: the OID from the owning package, the name and the path; the
-// same SID only for executable regular files; every other field zero.
-TEST_F(RestoreTest, InitLabelFollowsPolicy) {
+// Init, without rules: the OID from the owning package, the name and the path;
+// the same SID only for executable regular files; every other field zero.
+// Restore applies the rules over that, also through a link.
+TEST_F(OperationsTest, RestoreAndInitWithAndWithoutRules) {
   const uint64_t alpha = getSM3HashLast64Bits("alpha");
   makeDirs(root_ + "/share");
   makeDirs(root_ + "/bin");
   ASSERT_EQ(0, symlink((root_ + "/bin").c_str(), (root_ + "/bin-link").c_str()));
+  const std::string tool = makeFile("bin/alpha-tool", 0755), link = root_ + "/tool-link";
   const struct {
     std::string path;
     uint64_t pkg;
     bool sid;
   } cases[] = {
-      {makeFile("bin/alpha-tool", 0755), alpha, true},
+      {tool, alpha, true},
       {makeFile("etc/beta.conf", 0644), getSM3HashLast64Bits("beta"), false},
       {makeFile("etc/gamma.conf", 0700), 0, true},       // gamma is not installed
       {makeFile("etc/none", 0001), 0, true},             // any execute bit counts
@@ -259,58 +238,46 @@ TEST_F(RestoreTest, InitLabelFollowsPolicy) {
     EXPECT_EQ(expected.toString(), restoreSingleFileInitLabel(c.path)) << c.path;
     EXPECT_EQ(expected.toString(), labelOf(c.path).toString()) << c.path;
   }
-}
 
-// Restore applies the rules over the policy label, also through a link; init
-// ignores them but sees a changed package id.
-TEST_F(RestoreTest, RestoreAppliesRulesAndInitDoesNot) {
-  std::string tool = makeFile("bin/alpha-tool", 0755), link = root_ + "/tool-link";
+  const std::string init = labelOf(tool).toString();
   ASSERT_EQ(0, symlink(tool.c_str(), link.c_str()));
   ASSERT_EQ(0, setFileOid(tool.c_str(), 0, ZORV_ID{1, 2, 3}));
   ASSERT_EQ(0, setFileTid((root_ + "/bin/*").c_str(), 4, 1));
   ASSERT_EQ(0, removexattr(tool.c_str(), "security.zorv"));
-  Label init, ruled;
-  init.oid_ = init.sid_ = ruled.sid_ = policyOid(tool, getSM3HashLast64Bits("alpha"));
+  Label ruled = Label::fromString(init);  // the SID still follows the policy OID
   ruled.oid_ = Id::fromString("0000000000000001-0000000000000002-0000000000000003");
   ruled.tid_ = 4;
   EXPECT_EQ(ruled.toString(), restoreSingleFileLabel(link));
   EXPECT_EQ(ruled.toString(), labelOf(tool).toString());
-  EXPECT_EQ(init.toString(), restoreSingleFileInitLabel(tool));
-  ASSERT_EQ(0, setPkgId("alpha", 0xabc));
-  ASSERT_NE("", restoreSingleFileInitLabel(tool));
-  EXPECT_EQ(0xabcu, labelOf(tool).oid_.pkg_);
+  EXPECT_EQ(init, restoreSingleFileInitLabel(tool));
 }
 
 uint64_t idOf(const char* name) {
   uint64_t id = 0;
   return getPkgId(name, &id) == 0 ? id : 0;
 }
-std::string nameOf(uint64_t id) {
-  char* name = getPkgNameById(id);
-  std::string copy = name != nullptr ? name : "(none)";
-  free(name);
-  return copy;
-}
 
 // Installed packages of the dpkg status file have the digest of their name
-// without any state; a user-set id wins both ways, stays unique and, once
-// deleted, gives the package its own id back.
-TEST_F(RestoreTest, PackageIdsFromDpkgStatusAndUserSet) {
+// without any state; a user-set id wins both ways, reaches labels, stays
+// unique and, once deleted, gives the package its own id back.
+TEST_F(OperationsTest, PackageIdsFromDpkgStatusAndUserSet) {
   const uint64_t alpha = getSM3HashLast64Bits("alpha"), beta = getSM3HashLast64Bits("beta");
   EXPECT_EQ(alpha, idOf("alpha"));
-  EXPECT_EQ("beta", nameOf(beta));
+  char* name = getPkgNameById(beta);
+  EXPECT_STREQ("beta", name);
+  free(name);
   EXPECT_EQ(0u, idOf("gamma")) << "configuration files only";
   EXPECT_FALSE(stateExists()) << "reading package ids created state";
 
   ASSERT_EQ(0, setPkgId("alpha", 0x1234));
   EXPECT_EQ(0x1234u, idOf("alpha"));
-  EXPECT_EQ("(none)", nameOf(alpha));
+  EXPECT_EQ(nullptr, getPkgNameById(alpha));
+  EXPECT_EQ(0x1234u,
+            Label::fromString(restoreSingleFileInitLabel(makeFile("bin/alpha-tool"))).oid_.pkg_);
   ASSERT_EQ(0, setPkgId("newpkg", 0x99)) << "a package need not be installed";
-  for (const auto& [name, id] : {std::pair<const char*, uint64_t>{"beta", 0x1234},
-                                 {"newpkg", beta},
-                                 {"beta", 0},
-                                 {"Bad Name", 1},
-                                 {nullptr, 1}})
+  const std::pair<const char*, uint64_t> refused[] = {
+      {"beta", 0x1234}, {"newpkg", beta}, {"beta", 0}, {"Bad Name", 1}, {nullptr, 1}};
+  for (const auto& [name, id] : refused)
     EXPECT_LT(setPkgId(name, id), 0) << (name ? name : "null") << " " << id;
 
   ASSERT_EQ(0, setPkgId("alpha", 0x5678));
