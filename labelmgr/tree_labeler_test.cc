@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -187,12 +186,8 @@ TEST(PathDigestTest, AgreesWithTheCommonHelper) {
   using zorv::labelmgr::sm3Last64Bits;
   EXPECT_EQ(0x297DA02B8F4BA8E0u, sm3Last64Bits("abc"));
   std::vector<std::string> inputs = {"", "/", std::string("a\0b", 3)};
-  std::mt19937 random(7);
-  for (size_t length : {55, 56, 64, 65, 4097}) {
-    std::string text(length, '\0');
-    for (char& c : text) c = static_cast<char>(random());
-    inputs.push_back(text);
-  }
+  for (size_t length : {55, 56, 64, 65, 4097})
+    inputs.push_back(std::string(length, static_cast<char>(0x80 + length % 64)));
   for (const std::string& text : inputs)
     EXPECT_EQ(getSM3HashLast64Bits(text), sm3Last64Bits(text)) << "length " << text.size();
 }
