@@ -48,6 +48,7 @@ check "only root's files, none under /usr/local, no tests or internal headers" t
     '$2 != "root/root" || $3 ~ /^\.\/usr\/local\/|(_test|_internal\.h)$/' "$work/contents")"
 
 dpkg-deb -x "$deb" "$work/root"
+check "both .pc files name /usr" test "$(cat "$work/root/$libdir"/pkgconfig/*.pc | grep -cx 'prefix=/usr')" = 2
 check "no build-tree run path in the tool" \
     test -z "$(readelf -d "$work/root/usr/sbin/zorv-label-manager-tool" | grep -F "$build")"
 echo "$failed failed"

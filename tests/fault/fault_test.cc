@@ -46,22 +46,19 @@ std::string labelOf(const std::string& path) {
   return "malformed";
 }
 
-// Opened read-write so that a log left by a killed run is recovered as the
-// tool's next run would recover it.
+// The first row of the check ("ok" when sound), or why there is none. Opened
+// read-write so that a log left by a killed run is recovered as the tool's
+// next run would recover it.
 std::string integrityCheck(const std::string& path) {
   sqlite3* db = nullptr;
-  std::string result;
-  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
-    sqlite3_busy_timeout(db, 10000);
-    sqlite3_exec(
-        db, "PRAGMA integrity_check",
-        [](void* out, int, char** values, char**) {
-          *static_cast<std::string*>(out) += values[0] != nullptr ? values[0] : "";
-          return 0;
-        },
-        &result, nullptr);
-  }
-  if (result.empty()) result = sqlite3_errmsg(db);
+  sqlite3_stmt* check = nullptr;
+  sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
+  sqlite3_busy_timeout(db, 10000);
+  sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &check, nullptr);
+  const std::string result = sqlite3_step(check) == SQLITE_ROW
+                                 ? reinterpret_cast<const char*>(sqlite3_column_text(check, 0))
+                                 : sqlite3_errmsg(db);
+  sqlite3_finalize(check);
   sqlite3_close(db);
   return result;
 }
@@ -215,7 +212,7 @@ class FullFileSystemTest : public zorv_testing::OwnLibraryTest {
   void SetUp() override {
     zorv_testing::makeDirs(fs_);
     if (unshare(CLONE_NEWNS) == 0) mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
-    if (mount("zorv-fault", fs_.c_str(), "tmpfs", 0, options_) != 0)
+    if (mount("zorv-fault", fs_.c_str(), "tmpfs", 0, "size=1m,nr_inodes=256") != 0)
       GTEST_SKIP() << "cannot mount a tmpfs: " << std::strerror(errno);
     mounted_ = true;
   }
@@ -223,12 +220,15 @@ class FullFileSystemTest : public zorv_testing::OwnLibraryTest {
     if (mounted_) umount2(fs_.c_str(), MNT_DETACH);
   }
 
-  // Attributes on a filler until not even a one-byte value fits; skips where
-  // this kernel's tmpfs does not bound their space.
-  void fillAttributes() {
+  // Fills the data blocks, then the attribute space until not even a one-byte
+  // value fits; skips where this kernel's tmpfs does not bound the latter.
+  void fill() {
     const std::string filler = fs_ + "/.filler";
-    zorv_testing::writeTextFile(filler, "");
+    const int fd = open(filler.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     const std::vector<char> value(4096, 'f');
+    while (write(fd, value.data(), value.size()) > 0) {
+    }
+    close(fd);
     int count = 0;
     for (size_t size = value.size(); size >= 1; size /= 2) {
       while (setxattr(filler.c_str(), ("trusted.f" + std::to_string(count)).c_str(), value.data(),
@@ -238,23 +238,16 @@ class FullFileSystemTest : public zorv_testing::OwnLibraryTest {
       ASSERT_EQ(errno, ENOSPC) << std::strerror(errno);
     }
   }
-  void fillBlocks() {
-    const int fd = open((fs_ + "/.filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    const std::vector<char> block(4096);
-    while (write(fd, block.data(), block.size()) > 0) {
-    }
-    const int error = errno;
-    close(fd);
-    ASSERT_EQ(error, ENOSPC) << std::strerror(error);
-  }
   void release() { unlink((fs_ + "/.filler").c_str()); }
 
-  // Sets OID 1-2-3 on `file`, then runs `fill` and expects setting 4-5-6 to
-  // fail, leaving the label and the recorded rule as they were.
-  void expectFailedSetChangesNothing(const std::string& file, const std::function<void()>& fill) {
+  // Sets OID 1-2-3 on `file`, fills the file system and expects setting 4-5-6
+  // to fail, leaving the label and the recorded rule as they were.
+  void expectFailedSetChangesNothing(
+      const std::string& file, const std::function<void()>& beforeFill = [] {}) {
     zorv_testing::writeTextFile(file, "x");
     ASSERT_EQ(runTool({"-a", "-o", file, "1", "2", "3"}).status, 0);
     const std::string before = labelOf(file);
+    beforeFill();
     fill();
     if (IsSkipped() || HasFatalFailure()) return;
     expectResult(runTool({"-a", "-o", file, "4", "5", "6"}), "set file oid error. " + file + "\n",
@@ -266,13 +259,12 @@ class FullFileSystemTest : public zorv_testing::OwnLibraryTest {
     EXPECT_EQ(integrityCheck(database()), "ok");
   }
 
-  const char* options_ = "size=4m,nr_inodes=256";
   std::string fs_ = base_ + "/fs";
   bool mounted_ = false;
 };
 
 TEST_F(FullFileSystemTest, SingleFileSetWithNoRoomForTheAttributeChangesNothing) {
-  expectFailedSetChangesNothing(fs_ + "/app.conf", [&] { fillAttributes(); });
+  expectFailedSetChangesNothing(fs_ + "/app.conf");
 }
 
 TEST_F(FullFileSystemTest, PatternSetWithNoRoomLeavesEveryLabelAndARerunFinishes) {
@@ -280,7 +272,7 @@ TEST_F(FullFileSystemTest, PatternSetWithNoRoomLeavesEveryLabelAndARerunFinishes
   const std::string pattern = fs_ + "/dir/*";
   ASSERT_EQ(runTool({"-P", "-a", "-o", pattern, "1", "2", "3"}).status, 0);
   const std::string before = labelOf(files[1]);
-  fillAttributes();
+  fill();
   if (IsSkipped() || HasFatalFailure()) return;
   const std::vector<std::string> setOid{"-P", "-a", "-o", pattern, "4", "5", "6"};
   expectResult(runTool(setOid), "set file oid error. " + pattern + "\n", 1);
@@ -300,7 +292,7 @@ TEST_F(FullFileSystemTest, TreeLabellingWithNoRoomKeepsOldLabelsAndARerunFinishe
   Label earlier;  // one that labelling would replace
   earlier.oid_.pkg_ = earlier.tid_ = 7;
   ASSERT_EQ(earlier.setToXattr(old, false), 0);
-  fillAttributes();
+  fill();
   if (IsSkipped() || HasFatalFailure()) return;
   const ToolResult r = runTool({"-a", "-s", root});
   EXPECT_NE(r.out.find("set the label for files end"), std::string::npos) << r.out;
@@ -315,14 +307,11 @@ TEST_F(FullFileSystemTest, TreeLabellingWithNoRoomKeepsOldLabelsAndARerunFinishe
 // The state database on a full file system, the labelled file elsewhere.
 class FullStateTest : public FullFileSystemTest {
  protected:
-  FullStateTest() {
-    options_ = "size=512k";
-    fs_ = stateDir();
-  }
+  FullStateTest() { fs_ = stateDir(); }
 };
 
 TEST_F(FullStateTest, SetWithNoRoomForTheStateChangesNothing) {
-  expectFailedSetChangesNothing(base_ + "/app.conf", [&] { fillBlocks(); });
+  expectFailedSetChangesNothing(base_ + "/app.conf");
 }
 
 // While another connection holds the database open its log files exist, so
@@ -334,7 +323,6 @@ TEST_F(FullStateTest, SetWhoseCommitFailsChangesNothing) {
               SQLITE_OK);
     ASSERT_EQ(sqlite3_exec(reader, "SELECT count(*) FROM file_rule", nullptr, nullptr, nullptr),
               SQLITE_OK);
-    fillBlocks();
   });
   sqlite3_close(reader);
 }
