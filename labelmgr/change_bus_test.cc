@@ -25,9 +25,8 @@ using zorv::labelmgr::closeLabelChangePublisher;
 using zorv::labelmgr::labelChangeListenerDir;
 using zorv::labelmgr::publishLabelChange;
 
-// Publishes `count` messages cycling through three kinds from a new process,
-// which closes the publisher as a tool run does at exit and exits 4 when that
-// and the publishing took over `maxMs` (if given), or dies of SIGALRM when hung.
+// A process publishing `count` messages of three kinds and closing as a tool
+// run does; it exits 4 when that took over `maxMs` > 0, dies of SIGALRM if hung.
 pid_t startPublisher(int id, int count, int maxMs = 0) {
   pid_t pid = fork();
   if (pid != 0) return pid;
@@ -49,8 +48,7 @@ int exitStatus(pid_t pid) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// Owned here (the handle API has no release call) so every listener removes
-// its files.
+// Owned here (the handle API has no release call) so listeners remove their files.
 using Subscriber = std::unique_ptr<zorv::labelmgr::LabelChangeListener>;
 Subscriber newSubscriber(const char* topic) {
   Subscriber subscriber(static_cast<zorv::labelmgr::LabelChangeListener*>(createSubscriber()));
@@ -82,8 +80,7 @@ TEST_F(ChangeBusTest, ListenersGetExactlyTheirTopicsFromConcurrentPublishers) {
   for (int id = 0; id < kPublishers; ++id) pids.push_back(startPublisher(id, kCount));
   for (pid_t pid : pids) EXPECT_EQ(0, exitStatus(pid));
 
-  // Per publisher, every third message from `first` on, of the listener's
-  // kind, in order.
+  // Per publisher, in order, every third message from `first` on.
   auto check = [](const Subscriber& subscriber, const std::string& kind, int first) {
     std::map<int, std::vector<int>> seen, want;
     for (int id = 0; id < kPublishers; ++id)
@@ -111,8 +108,7 @@ TEST_F(ChangeBusTest, StaleEndpointsOfDeadListenersAreClearedWithoutStalling) {
   zorv_testing::writeTextFile(labelChangeListenerDir() + "/1-00.ipc", "");
   Subscriber live = newSubscriber("file");
 
-  // A socket left connected to a dead listener would hold the publisher's
-  // close for its whole linger.
+  // A socket left connected to a dead listener would hold the close for its linger.
   ASSERT_EQ(0, exitStatus(startPublisher(7, 1, 250))) << "4: publishing took too long";
   EXPECT_EQ("file set-oid /t/p7 0", receive(live));
   EXPECT_EQ(
@@ -135,8 +131,7 @@ TEST_F(ChangeBusTest, ListenerDyingWhileConnectedIsDropped) {
   kill(pid, SIGKILL);
   waitpid(pid, nullptr, 0);
 
-  // Past the liveness interval the next message finds it dead: its files go
-  // and closing does not wait to deliver to it.
+  // Past the liveness interval the next message finds it dead and drops it.
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));
   publishLabelChange("file init /x after");
   EXPECT_TRUE(fs::is_empty(labelChangeListenerDir()));
@@ -149,8 +144,7 @@ TEST_F(ChangeBusTest, ForkedChildOfAPublisherExitsWithoutHanging) {
   Subscriber subscriber = newSubscriber("file");
   publishLabelChange("file restore /a parent");
   EXPECT_EQ("file restore /a parent", receive(subscriber));
-  // The child inherits sockets whose ZeroMQ threads it does not have; closing
-  // them at exit must not wait for those threads (else SIGALRM ends it).
+  // The child's inherited sockets lack their ZeroMQ threads; exit must not wait.
   pid_t pid = fork();
   if (pid == 0) {
     alarm(5);
@@ -173,8 +167,7 @@ class ChangeMessagesTest : public ChangeBusTest {
   Subscriber listener_ = newSubscriber("");
 };
 
-// One message per file whose label changed and per package-id change, after
-// the change, in the order made; none for a refused or unchanging call.
+// One message per changed label or package id, in order; none for no change.
 TEST_F(ChangeMessagesTest, OnePerChangedFileAndPackage) {
   std::string a = makeFile("etc/a.conf"), b = makeFile("etc/b.conf");
   std::string spaced = makeFile("etc/with space"), pattern = root_ + "/etc/*.conf";
