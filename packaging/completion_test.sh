@@ -21,7 +21,6 @@ expect() {
 }
 
 expect '--scan --sid --sm3 --subscribe' '--s'
-expect '--del --device --dir-label' -g '--d'
 expect 'inherit_flag oid pkgid sid tid' -d -c ''
 expect 'pkgid' -dc sid p
 # --clear takes no argument: its operands are files, not -c words.

@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# Builds the Debian package from a built tree and checks its control data and
-# file list without installing it.
+# Builds the Debian package from a built tree and checks its control data and files.
 # Usage: deb_test.sh BUILD_DIR        (exit 77 when the Debian tools are missing)
 set -uo pipefail
 build=$(cd "${1:?usage: deb_test.sh BUILD_DIR}" && pwd)
@@ -27,8 +26,6 @@ check "conffiles" test "$(cat "$work/control/conffiles")" = /etc/zorv/label/zorv
 dpkg-deb -c "$deb" | awk '{ print $1, $2, $6 }' >"$work/contents"
 libdir=$(sed -nE 's|.* \./(usr/lib[^ ]*)/libzorvcommon\.so\.1\.0\.0$|\1|p' "$work/contents")
 expected="-rwxr-xr-x usr/sbin/zorv-label-manager-tool
--rw-r--r-- usr/include/zorv/zorvlabelmgr.h
--rw-r--r-- usr/include/zorv/label/label.h
 -rw-r--r-- usr/share/man/man8/zorv-label-manager-tool.8.gz
 -rw-r--r-- usr/share/bash-completion/completions/zorv-label-manager-tool
 -rw-r--r-- etc/zorv/label/zorv-label-log.properties

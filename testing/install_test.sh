@@ -14,14 +14,11 @@ DESTDIR="$root" cmake --install "${1:?usage: install_test.sh BUILD_DIR [CXX]}" >
 outside=$(grep -v -e "^-- Install configuration" -e "$root" "$root/install.log" || true)
 [ -z "$outside" ] || fail "installed outside the temporary root: $outside"
 pc=$(find "$root" -name zorvcommon.pc -print -quit)
-[ -n "$pc" ] || fail "zorvcommon.pc was not installed"
 # The .pc files name the configured prefix; point them at the staged copy.
 zorv_pc() { PKG_CONFIG_PATH=${pc%/*} pkg-config --define-variable=prefix="$root$(sed -n 's/^prefix=//p' "$pc")" "$@"; }
 libdir=$(zorv_pc --variable=libdir zorvcommon)
 
 cat >"$root/outside.cc" <<'PROGRAM'
-#include <cstdio>
-
 #include "common/sm3.h"
 #include "label/label.h"
 #include "log/logger.h"
@@ -33,11 +30,9 @@ int main() {
   label.tid_ = 0x2a;
   ZMQSocket socket(ZMQSocket::PUB);
   Logger::getInstance().info("outside", 7, "linked %d", 42);
-  return getSM3HashValue("abc") ==
-                 "66c7f0f462eeedd9d1f2d46bdc10e4e24167c4875cf2f7a2297da02b8f4ba8e0" &&
-                 Label::fromString(label.toString()).tid_ == 0x2a && getLabelSetStatus() == 0
-             ? 0
-             : 1;
+  const std::string digest = "66c7f0f462eeedd9d1f2d46bdc10e4e24167c4875cf2f7a2297da02b8f4ba8e0";
+  return !(getSM3HashValue("abc") == digest && Label::fromString(label.toString()).tid_ == 0x2a &&
+           getLabelSetStatus() == 0);
 }
 PROGRAM
 # shellcheck disable=SC2046  # the flags are meant to be split
