@@ -111,6 +111,15 @@ TEST(LabelCodecTest, DecodingRestoresSparseAndFullLabels) {
     EXPECT_EQ(original.toString(),
               Label().deserializeFromBuffer(bytes.data(), bytes.size()).toString());
   }
+  // Fields absent from the bytes keep what the label held.
+  const std::vector<unsigned char> bytes = serialized(kPackagesOnly);
+  Label merged = kEverything, expected = kEverything;
+  merged.deserializeFromBuffer(bytes.data(), bytes.size());
+  expected.oid_.pkg_ = kPackagesOnly.oid_.pkg_;
+  expected.sid_.pkg_ = kPackagesOnly.sid_.pkg_;
+  expected.creatorOid_.pkg_ = kPackagesOnly.creatorOid_.pkg_;
+  EXPECT_EQ(expected.toString(), merged.toString());
+  EXPECT_EQ(kEverything.tid_, merged.tid_);
 }
 
 std::string decodeFailure(const std::vector<unsigned char>& bytes, Label& label) {

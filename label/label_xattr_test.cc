@@ -46,6 +46,11 @@ TEST(LabelXattrTest, MissingValueIsQuietBadValuesAndMissingFilesAreErrors) {
   EXPECT_EQ(-1, Label().getFromXattr(empty, false));
   EXPECT_EQ(1u,
             capture.countRecord(getError + "Extended attribute is empty: security.zorv: " + empty));
+  // A value longer than any label is still read whole, then refused by size.
+  ASSERT_EQ(0, setxattr(plain.c_str(), kName, std::string(300, 'x').data(), 300, 0));
+  EXPECT_EQ(-1, Label().getFromXattr(plain, false));
+  EXPECT_EQ(1u, capture.countRecord(
+                    getError + "Label deserialization failed: Buffer size is invalid: " + plain));
   // Existence is judged through the link even when the link itself is meant.
   EXPECT_EQ(-1, Label().getFromXattr(dangling, true));
   EXPECT_EQ(-1, sample().setToXattr(dangling, true));

@@ -105,6 +105,17 @@ TEST_F(TreeLabelerTest, LabelsOnceWithRulesExcludesAndLinksThemselves) {
   ASSERT_EQ(0, setPkgId("alpha", 0x77));
   labelRoot();
   EXPECT_EQ(0x77u, labelOf(tool).oid_.pkg_) << "the cache passes over a changed package id";
+
+  // Labels changed behind the cache's back, and a changed mode, are put right.
+  ASSERT_EQ(0, removexattr(conf.c_str(), "security.zorv"));
+  ASSERT_EQ(0, setxattr(tool.c_str(), "security.zorv", "bad", 3, 0));
+  ASSERT_EQ(0, chmod(excludedFile.c_str(), 0755));
+  EXPECT_EQ(
+      "11 seen (8 unchanged since the last run), 3 written, 0 failed, 0 mounts skipped, 0 excluded",
+      labelRoot());
+  EXPECT_EQ(7u, labelOf(conf).tid_);
+  for (const std::string& path : {tool, excludedFile})
+    EXPECT_TRUE(asRestoreWouldLabel(path)) << path;
 }
 
 // The walk stays on the root's mount: another file system, a bind mount (same
