@@ -38,6 +38,19 @@ TEST_F(OwnLabelMgrE2eTest, SetListRestoreAndShowRecursively) {
                "get file label failed, \nfile: " + file_ + " label: " + label);
 }
 
+TEST_F(OwnLabelMgrE2eTest, NoDereferenceShowsAndRemovesTheLinksOwnLabel) {
+  const std::string link = base_ + "/files/link";
+  ASSERT_EQ(symlink(file_.c_str(), link.c_str()), 0);
+  Label own;
+  own.oid_.pkg_ = 9;
+  ASSERT_EQ(own.setToXattr(link, true), 0);
+  expectResult(runTool({"-H", "-g", "-l", link}),
+               "file: " + link + " label: " + own.toString() + "\n");
+  expectResult(runTool({"-g", "-l", link}), "get file label failed, \n");  // the target has none
+  expectResult(runTool({"-H", "-d", "-l", link}), "================================\n");
+  EXPECT_NE(Label().getFromXattr(link, true), 0);
+}
+
 TEST_F(OwnLabelMgrE2eTest, ABadNumberAbortsAndWritesNothingAnywhere) {
   // The tool's own line, then what the C++ runtime prints as it aborts.
   const std::string thrown = "stoull\nterminate called after throwing an instance of 'std::";

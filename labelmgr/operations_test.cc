@@ -285,5 +285,24 @@ TEST_F(OperationsTest, PackageIdsFromDpkgStatusAndUserSet) {
   EXPECT_EQ(0u, idOf("newpkg"));
 }
 
+// A module is known when loaded or installed, whichever of '-' and '_' its
+// name is spelt with; the digest is of the kernel's spelling, with '_'.
+TEST_F(LabelMgrTest, KernelModuleOidsUseTheKernelsSpelling) {
+  makeDirs(base_ + "/sysmodule/snd_hda_intel");
+  writeTextFile(base_ + "/modules.dep", "kernel/drivers/nvme/host/nvme-core.ko.xz: crc.ko.xz\n");
+  ScopedEnv loaded("ZORV_LABELMGR_MODULE_DIR", base_ + "/sysmodule");
+  ScopedEnv installed("ZORV_LABELMGR_MODULES_DEP", base_ + "/modules.dep");
+  for (const char* name : {"snd-hda-intel", "nvme_core", "nvme-core", "crc", "a b", ""}) {
+    std::string kernelName = name;
+    for (char& c : kernelName) c = c == '-' ? '_' : c;
+    const bool known = kernelName == "snd_hda_intel" || kernelName == "nvme_core";
+    uint64_t oid = 0;
+    EXPECT_EQ(known ? 0 : -1, getKernelModuleOid(name, &oid)) << name;
+    if (known) {
+      EXPECT_EQ(getKmodNameHash(kernelName.data(), kernelName.size()), oid) << name;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace zorv_testing
