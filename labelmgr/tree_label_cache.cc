@@ -209,23 +209,35 @@ void TreeLabelCache::load(const std::string& file, uint64_t fingerprint) {
       if (held.dev == entry.dev && held.ino == entry.ino) break;
       slot = (slot + 1) & (capacity - 1);
     }
-    if (slots_[slot] == 0) ++count_;
-    slots_[slot] = index + 1;  // a later entry for the same inode wins
+    if (slots_[slot] == 0) {
+      ++count_;
+    } else {  // a later entry for the same inode wins; the earlier never matches
+      entries_[slots_[slot] - 1].dev = UINT64_MAX;
+      entries_[slots_[slot] - 1].ino = 0;
+    }
+    slots_[slot] = index + 1;
   }
 }
 
-const TreeCacheEntry* TreeLabelCache::find(uint64_t dev, uint64_t ino) const {
+const TreeCacheEntry* TreeLabelCache::find(uint64_t dev, uint64_t ino, size_t* hint) const {
   if (slots_.empty()) return nullptr;
+  if (hint != nullptr && *hint < entries_.size() && entries_[*hint].dev == dev &&
+      entries_[*hint].ino == ino) {
+    return &entries_[(*hint)++];
+  }
   size_t mask = slots_.size() - 1;
   for (size_t slot = slotOf(dev, ino) & mask; slots_[slot] != 0; slot = (slot + 1) & mask) {
     const TreeCacheEntry& entry = entries_[slots_[slot] - 1];
-    if (entry.dev == dev && entry.ino == ino) return &entry;
+    if (entry.dev == dev && entry.ino == ino) {
+      if (hint != nullptr) *hint = slots_[slot];  // the entry after this one
+      return &entry;
+    }
   }
   return nullptr;
 }
 
-bool TreeLabelCache::fresh(const struct stat& st, uint64_t pathHash) const {
-  const TreeCacheEntry* entry = find(st.st_dev, st.st_ino);
+bool TreeLabelCache::fresh(const struct stat& st, uint64_t pathHash, size_t* hint) const {
+  const TreeCacheEntry* entry = find(st.st_dev, st.st_ino, hint);
   return entry != nullptr && entry->pathHash == pathHash && entry->ctimeNs == ctimeNs(st) &&
          entry->mode == st.st_mode;
 }

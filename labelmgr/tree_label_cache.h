@@ -55,8 +55,12 @@ class TreeLabelCache {
   /// Reads `file` when it was written for `fingerprint`; otherwise the cache
   /// stays empty (a damaged file is logged).
   void load(const std::string& file, uint64_t fingerprint);
-  /// The entry still describes this inode as last verified.
-  bool fresh(const struct stat& st, uint64_t pathHash) const;
+  /// The entry still describes this inode as last verified. `hint` (one per
+  /// thread, starting at 0) remembers where the last entry was found: entries
+  /// are saved in the order a walk verified them, and the next walk meets
+  /// them in much the same order, so the entry after the last one found is
+  /// tried first.
+  bool fresh(const struct stat& st, uint64_t pathHash, size_t* hint = nullptr) const;
   size_t size() const { return count_; }
 
   /// Replaces `file` (atomically, mode 0600) with `entries`. False (logged)
@@ -65,7 +69,7 @@ class TreeLabelCache {
                    const std::vector<TreeCacheEntry>& entries);
 
  private:
-  const TreeCacheEntry* find(uint64_t dev, uint64_t ino) const;
+  const TreeCacheEntry* find(uint64_t dev, uint64_t ino, size_t* hint) const;
 
   std::vector<TreeCacheEntry> entries_;  // as read from the file
   std::vector<uint32_t> slots_;          // open addressing over entries_

@@ -236,6 +236,7 @@ void addStats(TreeLabelStats& total, const TreeLabelStats& part) {
 struct WorkerState {
   TreeLabelStats stats;
   std::vector<TreeCacheEntry> verified;  // entries found or left correctly labelled
+  size_t cacheHint = 0;                  // where to look first in the last run's cache
   // Entries still to be read before writing. Trees tend to be labelled all
   // through or not at all: while files carry no label, creating it outright
   // saves the read; a file found labelled turns reading first back on for a
@@ -346,7 +347,7 @@ class TreeRun {
     // A hard-linked inode is reached by several paths: it is always checked.
     bool cacheable = S_ISDIR(st.st_mode) || st.st_nlink == 1;
     uint64_t pathHash = cacheable ? TreeLabelCache::hashPath(item.path) : 0;
-    if (cacheable && cache_.fresh(st, pathHash)) {
+    if (cacheable && cache_.fresh(st, pathHash, &worker.cacheHint)) {
       ++stats.cached;
       verified.push_back(TreeLabelCache::entryFor(st, pathHash));
       return;
