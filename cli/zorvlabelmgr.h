@@ -58,11 +58,11 @@ int clearFileSid();
 int clearFileTid();
 int clearFileInheritFlag();
 
-int setPkgId(const char* pkgName, uint64_t pkgId);         // status
-int getPkgId(const char* pkgName, uint64_t* pkgId);        // sign
-char* getPkgNameById(uint64_t pkgId);                      // malloc'ed, or null
-int delUserSetPkgId(const char* pkgName);                  // status
-int clearUserSetPkgId();                                   // status
+int setPkgId(const char* pkgName, uint64_t pkgId);   // status
+int getPkgId(const char* pkgName, uint64_t* pkgId);  // sign
+char* getPkgNameById(uint64_t pkgId);                // malloc'ed, or null
+int delUserSetPkgId(const char* pkgName);            // status
+int clearUserSetPkgId();                             // status
 
 // User-set values. *records is preset to null by the caller; on a positive
 // count it holds a malloc'ed array of that many records.
