@@ -134,6 +134,62 @@ TEST(DispatchE2eTest, OperandsBeginAtTheLastOptionsArgument) {
   }
 }
 
+// One run per command family: the words and numbers it prints, its exit status.
+TEST(DispatchE2eTest, EachCommandFamilyPrintsItsOwnTexts) {
+  struct Case {
+    std::string script;
+    std::vector<std::string> args;
+    std::string out;
+    int status;
+  };
+  const Case cases[] = {
+      // The get chain runs in a fixed order, whatever the order on the line.
+      {"getPkgId value=1f\ngetFileOid id=1,2,3\ngetFileSid id=a,0,ffffffffffffffff\n"
+       "getFileTid value=12\ngetFileInheritFlag value=5\n",
+       {"-g", "-n", "/n", "-t", "/t", "-m", "/m", "-o", "/o", "-p", "vim"},
+       "vim pkgid:000000000000001f\n/o oid:0000000000000001-0000000000000002-0000000000000003\n"
+       "/m sid:000000000000000a-0000000000000000-ffffffffffffffff\n/t tid:00000012\n"
+       "/n inheritFlag:00000005\n",
+       0},
+      {"getFileOid ret=-1\n", {"-g", "-o", "/o", "-m", "/m"}, "get file oid error..\n", 1},
+      {"clearFileTid ret=1\n",
+       {"-d", "-c", "sid", "oid", "tid", "inherit_flag", "pkgid"},
+       std::string(32, '=') +
+           "\nclear file sid success.\nclear file oid success.\nclear file tid error.\n"
+           "clear file inherit_flag success.\nclear pkg id success.\n",
+       0},
+      {"showUserSetFileTid rec=/t|123456789 rec=/u|7\n",
+       {"-g", "-u", "-t", "--all"},
+       "/t, tid : 0x123456789\n/u, tid : 0x00000007\n",
+       0},
+      {"queryUserSetFileSid ret=-3\n",
+       {"-g", "-u", "-m", "/f"},
+       "query user set sid failed, count = -3\n",
+       0},
+      {"restoreSingleFileLabel @/f text=LABEL-A\n",
+       {"-r", "-l", "/f"},
+       "/f restore label success, new label: LABEL-A\n",
+       0},
+      {"", {"-i", "-l", "/g"}, "/g init label failed...\n", 1},
+      {"", {"-r"}, "The parameter is incorrect, the file path is empty...\n", 1},
+      {"getKernelModuleOid @ext4 value=abc\ngetDeviceOid value=ffffffffffffffff\n",
+       {"-g", "-k", "ext4", "-e", "/dev/sda"},
+       "module Oid:0000000000000abc\ndevice Oid:ffffffffffffffff\n",
+       0},
+      {"getPkgNameById null\n", {"-g", "-q", "0x1f"}, "get pkg name by id error\n", 1},
+      {"", {"--sm3", "abc", "-g", "-o", "/f"}, "SM3 Hash (last 64 bits): 297da02b8f4ba8e0\n", 0},
+      {"subscribeLabelChangeMsg ret=-1\n",
+       {"--subscribe"},
+       "subscribe file label change message error.\n",
+       1},
+  };
+  FakeLabelManager fake;
+  for (const Case& c : cases) {
+    fake.script(c.script);
+    fake.expect(c.args, c.out, c.status);
+  }
+}
+
 TEST(LookupE2eTest, SelfTestLeavesTheStreamHexadecimalAndListenerEndsOnAFailedReceive) {
   FakeLabelManager fake;
   fake.script("policies_parse entry=subject_pkg|vim|1f,2,3\ngetLabelSetStatus ret=26\n");

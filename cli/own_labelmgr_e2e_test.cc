@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,14 @@ TEST_F(OwnLabelMgrE2eTest, SetListRestoreAndShowRecursively) {
   expectResult(runTool({"-r", "-l", file_}), file_ + " restore label success, new label: " + label);
   expectResult(runTool({"-R", "-g", "-l", base_ + "/files"}),
                "get file label failed, \nfile: " + file_ + " label: " + label);
+  const ToolResult scan = runTool({"-a", "-s", base_ + "/files"});
+  EXPECT_EQ(scan.status, 0);
+  EXPECT_TRUE(
+      std::regex_match(scan.out, std::regex("set the label for files begin, please wait...\n"
+                                            "set the label for files end, cost time = "
+                                            "[0-9]+\\.[0-9]{4} seconds\n")))
+      << scan.out;
+  EXPECT_EQ(Label().getFromXattr(base_ + "/files", false), 0) << "the directory is labelled";
 }
 
 TEST_F(OwnLabelMgrE2eTest, NoDereferenceShowsAndRemovesTheLinksOwnLabel) {
