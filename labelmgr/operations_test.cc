@@ -41,6 +41,8 @@ const FieldCase kFields[] = {
      clearFileInheritFlag, queryUserSetFileInheritFlag, showUserSetFileInheritFlag},
 };
 
+void PrintTo(const FieldCase& field, std::ostream* out) { *out << field.name; }
+
 class FieldCycleTest : public LabelMgrTest, public ::testing::WithParamInterface<FieldCase> {};
 
 // Set changes only its field; delete and clear give back exactly the policy
