@@ -30,6 +30,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -260,18 +261,32 @@ Table& wholeRun() {
   return table;
 }
 
-void printTable(const Table& table, const char* title) {
-  std::printf("== %s\n%-36s %5s %11s %13s %11s %6s\n", title, "command / mode / kind", "runs",
-              "unrepaired", "false-success", "wrong-label", "known");
+// Prints `table` and, when `file` is given, keeps the same text in the
+// build's fault-tables directory, where scripts/check.sh finds every table of
+// the run to print after the tests.
+void printTable(const Table& table, const std::string& title, const std::string& file = "") {
+  char line[160];
+  std::string text = "== " + title + "\n";
+  std::snprintf(line, sizeof line, "%-36s %5s %11s %13s %11s %6s\n", "command / mode / kind",
+                "runs", "unrepaired", "false-success", "wrong-label", "known");
+  text += line;
   Counts total;
-  for (const auto& [row, c] : table) {
-    std::printf("%-36s %5d %11d %13d %11d %6d\n", row.c_str(), c.runs, c.unrepaired, c.falseSuccess,
-                c.wrongLabel, c.known);
+  auto row = [&](const std::string& name, const Counts& c) {
+    std::snprintf(line, sizeof line, "%-36s %5d %11d %13d %11d %6d\n", name.c_str(), c.runs,
+                  c.unrepaired, c.falseSuccess, c.wrongLabel, c.known);
+    text += line;
+  };
+  for (const auto& [name, c] : table) {
+    row(name, c);
     total.add(c);
   }
-  std::printf("%-36s %5d %11d %13d %11d %6d\n", "total", total.runs, total.unrepaired,
-              total.falseSuccess, total.wrongLabel, total.known);
+  row("total", total);
+  std::fputs(text.c_str(), stdout);
   std::fflush(stdout);
+  if (!file.empty()) {
+    std::filesystem::create_directories(ZORV_FAULT_TABLES);
+    std::ofstream(std::string(ZORV_FAULT_TABLES) + "/" + file + ".txt") << text;
+  }
 }
 
 class SummaryPrinter : public testing::Environment {
@@ -501,7 +516,7 @@ TEST_P(EveryFault, IsSeenAndRepairedByARerun) {
       std::printf("[fault] known_unrepaired.txt: \"%s\" no longer fails; remove it\n",
                   line.c_str());
   }
-  printTable(table, command.name.c_str());
+  printTable(table, command.name, command.name);
   for (const auto& [row, counts] : table) wholeRun()[row].add(counts);
 }
 
@@ -554,7 +569,8 @@ int aimAt(const std::string& commandName, const std::vector<std::string>& kinds,
       }
     }
   }
-  printTable(table, ("aimed at " + path).c_str());
+  printTable(table, "aimed at " + path.substr(harness.scene().root().size() - 4),
+             testing::UnitTest::GetInstance()->current_test_info()->name());
   return aimed;
 }
 
