@@ -618,8 +618,9 @@ int aimAt(const std::string& commandName, const std::vector<std::string>& kinds,
       }
     }
   }
-  printTable(table, "aimed at " + path.substr(harness.scene().root().size() - 4),
-             testing::UnitTest::GetInstance()->current_test_info()->name());
+  printTable(
+      table, "aimed at " + path.substr(harness.scene().root().size() - 4),
+      std::string(testing::UnitTest::GetInstance()->current_test_info()->name()) + "-" + name);
   return aimed;
 }
 
