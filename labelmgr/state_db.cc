@@ -235,7 +235,7 @@ bool writeMeta(StateDb& db, const std::string& key, const std::string& value) {
 }
 
 bool setLabelSetStatus(StateDb& db, int status) {
-  return writeMeta(db, "label_set_status", status == 1 ? "1" : "0");
+  return writeMeta(db, "label_set_status", std::to_string(status));
 }
 
 bool setLabelSetStatus(int status) {
@@ -248,7 +248,9 @@ int readLabelSetStatus() {
   std::unique_ptr<StateDb> db = StateDb::open(StateDb::OpenMode::kExisting, &absent);
   if (db == nullptr) return 0;
   std::optional<std::string> value = readMeta(*db, "label_set_status");
-  return value && *value == "1" ? 1 : 0;
+  if (!value) return kLabelSetNone;
+  if (*value == "1") return kLabelSetComplete;
+  return *value == "2" ? kLabelSetIncomplete : kLabelSetNone;
 }
 
 }  // namespace zorv::labelmgr

@@ -107,14 +107,19 @@ class ImmediateTransaction {
 std::optional<std::string> readMeta(StateDb& db, const std::string& key);
 bool writeMeta(StateDb& db, const std::string& key, const std::string& value);
 
-/// Records whether a whole-tree labelling has completed (1) or not (0), in the
-/// meta key "label_set_status"; false and one error line on failure. The first
-/// form joins the caller's transaction, the second opens (creating) the
-/// database itself.
+/// The whole-tree labelling status: none has run yet, the last one labelled
+/// everything, or the last one left files unlabelled (a rerun completes it).
+constexpr int kLabelSetNone = 0;
+constexpr int kLabelSetComplete = 1;
+constexpr int kLabelSetIncomplete = 2;
+
+/// Records the status, in the meta key "label_set_status"; false and one
+/// error line on failure. The first form joins the caller's transaction, the
+/// second opens (creating) the database itself.
 bool setLabelSetStatus(StateDb& db, int status);
 bool setLabelSetStatus(int status);
-/// 1 once setLabelSetStatus(1) was recorded, else 0 (also when there is no
-/// database yet or it cannot be read).
+/// The status last recorded; kLabelSetNone also when there is no database
+/// yet or it cannot be read.
 int readLabelSetStatus();
 
 }  // namespace zorv::labelmgr
