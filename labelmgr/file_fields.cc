@@ -46,6 +46,8 @@ bool admitTarget(const char* path, int patternMatch, Target* target) {
 int setField(const char* path, int patternMatch, Field field, const uint64_t value[3]) {
   Target target;
   if (!admitTarget(path, patternMatch, &target)) return -1;
+  std::optional<StateLock> lock = lockForChange();
+  if (!lock) return -1;
   std::unique_ptr<StateDb> db = StateDb::open(StateDb::OpenMode::kCreate);
   if (db == nullptr) return -1;
   ImmediateTransaction transaction(*db);
@@ -56,7 +58,7 @@ int setField(const char* path, int patternMatch, Field field, const uint64_t val
   rule.isPattern = target.pattern;
   rule.target = target.text;
   std::copy(value, value + 3, rule.value);
-  if (!putFileRule(*db, rule)) return -1;
+  if (!putFileRule(*db, rule) || !bumpRulesGeneration(*db)) return -1;
 
   std::string op = std::string("set-") + fieldName(field);
   std::vector<std::string> changes;
@@ -136,6 +138,8 @@ bool relabelStored(const std::string& path, Field field,
 int delField(const char* path, int patternMatch, Field field) {
   Target target;
   if (!admitTarget(path, patternMatch, &target)) return -1;
+  std::optional<StateLock> lock = lockForChange();
+  if (!lock) return -1;
   bool absent = false;
   std::unique_ptr<StateDb> db = StateDb::open(StateDb::OpenMode::kExisting, &absent);
   if (db == nullptr) {
@@ -145,7 +149,7 @@ int delField(const char* path, int patternMatch, Field field) {
   ImmediateTransaction transaction(*db);
   if (!transaction.begun()) return -1;
   int removed = deleteFileRule(*db, field, target.pattern, target.text);
-  if (removed < 0) return -1;
+  if (removed < 0 || (removed > 0 && !bumpRulesGeneration(*db))) return -1;
   if (removed == 0) {
     ZLOG_ERROR("no user-set %s for %s", fieldName(field), target.text.c_str());
     return -1;
@@ -191,6 +195,8 @@ int delField(const char* path, int patternMatch, Field field) {
 }
 
 int clearField(Field field) {
+  std::optional<StateLock> lock = lockForChange();
+  if (!lock) return -1;
   bool absent = false;
   std::unique_ptr<StateDb> db = StateDb::open(StateDb::OpenMode::kExisting, &absent);
   if (db == nullptr) return absent ? 0 : -1;
@@ -239,6 +245,7 @@ int clearField(Field field) {
     }
     if (deleteFileRule(*db, field, rules[i].isPattern, rules[i].target) < 0) return -1;
   }
+  if (kept != rules.size() && !bumpRulesGeneration(*db)) return -1;
   if (!transaction.commit()) {
     undo.rollBack();
     return -1;

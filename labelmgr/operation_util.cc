@@ -100,6 +100,13 @@ bool updateLabelAt(int dirfd, const char* name, const std::string& path, const s
   return true;
 }
 
+std::optional<StateLock> lockForChange() {
+  std::string error;
+  std::optional<StateLock> lock = StateLock::acquire(StateLock::Mode::kExclusive, &error);
+  if (!lock) ZLOG_ERROR("%s", error.c_str());
+  return lock;
+}
+
 void publishChanges(const std::vector<std::string>& changes) {
   for (const std::string& message : changes) publishLabelChange(message);
 }

@@ -8,11 +8,13 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "cli/zorvlabelmgr.h"
 #include "label/label.h"
+#include "labelmgr/state_lock.h"
 
 namespace zorv::labelmgr {
 
@@ -63,6 +65,12 @@ bool updateLabelAt(int dirfd, const char* name, const std::string& path, const s
 /// filled, -ENODATA when it has none, other -errno (logged) when it cannot be
 /// read or decoded.
 int readLabelOf(int dirfd, const char* name, const std::string& path, Label* label);
+
+/// Takes the labels lock exclusive for a change of user-set values or labels,
+/// before the state transaction: a whole-tree labelling in progress then
+/// finishes its batch first and sees the change afterwards. Nothing (logged)
+/// when the lock cannot be had.
+std::optional<StateLock> lockForChange();
 
 /// Publishes each message, in order, once the change is committed.
 void publishChanges(const std::vector<std::string>& changes);

@@ -18,6 +18,8 @@ namespace lm = zorv::labelmgr;
 std::string restoreLabel(const std::string& path, bool withRules) {
   zorv::PinnedEntry file;
   if (!lm::admitExactPath(path.c_str(), &file)) return "";
+  std::optional<lm::StateLock> lock = lm::lockForChange();
+  if (!lock) return "";
   // The transaction keeps a concurrent field set from interleaving with this
   // write, and the rules read are the ones in force while it is held.
   std::unique_ptr<lm::StateDb> db = lm::StateDb::open(lm::StateDb::OpenMode::kCreate);

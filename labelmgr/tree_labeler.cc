@@ -22,6 +22,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string_view>
 #include <thread>
@@ -37,6 +38,7 @@
 #include "labelmgr/change_bus.h"
 #include "labelmgr/label_policy.h"
 #include "labelmgr/state_db.h"
+#include "labelmgr/state_lock.h"
 #include "labelmgr/tree_label_cache.h"
 #include "log/logger.h"
 
@@ -189,6 +191,11 @@ struct WorkerState {
   // saves the read; a file found labelled turns reading first back on for a
   // while.
   unsigned readFirst = 0;
+  // While labels are computed and written in a batch, the labels lock is
+  // held shared, so that no user's set, delete or clear interleaves with it.
+  std::optional<StateLock> lock;
+  std::unique_ptr<StateDb> db;  // this worker's own connection, for the rules generation
+  bool guardFailed = false;     // logged once; every entry that needs a label then fails
 };
 
 // Undoes the octal escapes (\040 for a blank and so on) of /proc mount tables.
@@ -249,13 +256,39 @@ bool mountPointsUnder(const std::string& root, std::unordered_set<std::string>* 
 class TreeRun {
  public:
   TreeRun(PolicySource& policy, const TreeLabelCache& cache, const EntryStat& root,
-          const std::string& canonicalRoot)
-      : policy_(policy), cache_(cache), root_(root) {
+          const std::string& canonicalRoot, bool guardWrites)
+      : policy_(policy), cache_(cache), root_(root), guardWrites_(guardWrites) {
     // Without a cache to consult, the stat() before the write serves only to
     // guess the label's mode-dependent part and to spot files mounted from
     // elsewhere; knowing the mount points lets the write come first.
     createFirst_ = cache_.size() == 0 && mountPointsUnder(canonicalRoot, &mountPoints_);
   }
+
+  /// The policy for an entry whose label must be computed and written now.
+  /// With writers guarded against, the first such entry of a batch takes the
+  /// labels lock shared and makes sure the policy still has the user-set
+  /// rules in force (they may have changed since it was loaded); null when
+  /// the policy cannot be had (logged).
+  const LabelPolicy* policyFor(WorkerState& worker) {
+    if (guardWrites_ && !worker.lock) {
+      if (worker.guardFailed) return nullptr;
+      std::string error;
+      worker.lock = StateLock::acquire(StateLock::Mode::kShared, &error);
+      if (!worker.db && worker.lock) worker.db = StateDb::open(StateDb::OpenMode::kExisting);
+      if (!worker.lock || !worker.db) {
+        TREE_LOG(ERROR, "cannot guard label writes against other writers: %s",
+                 error.empty() ? "the state database cannot be opened" : error.c_str());
+        worker.guardFailed = true;
+        worker.lock.reset();
+        return nullptr;
+      }
+      policy_.refresh(readRulesGeneration(*worker.db));
+    }
+    return policy_.get();
+  }
+
+  /// Called after each batch: lets writers in.
+  void endBatch(WorkerState& worker) { worker.lock.reset(); }
 
   /// How many entries the last run left verified.
   size_t remembered() const { return cache_.size(); }
@@ -300,7 +333,7 @@ class TreeRun {
       return;
     }
 
-    const LabelPolicy* policy = policy_.get();
+    const LabelPolicy* policy = policyFor(worker);
     if (policy == nullptr) {
       ++stats.failed;  // the loader has said why
       return;
@@ -378,7 +411,7 @@ class TreeRun {
   // the usual way (with item.hasStat set when it has been stat'ed), which is
   // also how every failure of the create is reported.
   bool createFirst(Item& item, WorkerState& worker) {
-    const LabelPolicy* policy = policy_.get();
+    const LabelPolicy* policy = policyFor(worker);
     if (policy == nullptr) return false;
     struct stat guess {};
     guess.st_mode = item.type == DT_LNK ? (S_IFLNK | 0777) : (S_IFREG | 0644);
@@ -478,6 +511,7 @@ class TreeRun {
   PolicySource& policy_;
   const TreeLabelCache& cache_;
   const EntryStat root_;
+  const bool guardWrites_;
   std::mutex deferredMutex_;
   std::map<std::pair<dev_t, ino_t>, Item> deferred_;
   std::mutex onceMutex_;
@@ -529,6 +563,7 @@ class WorkerPool {
           ++worker.stats.failed;
         }
       }
+      run_.endBatch(worker);
       run_.done += batch.size();
       batch.clear();
     }
@@ -873,11 +908,27 @@ PolicySource::~PolicySource() = default;
 
 const LabelPolicy* PolicySource::get() {
   if (!load_) return policy_;
-  std::call_once(once_, [this] {
-    owned_ = load_();
-    policy_ = owned_.get();
-  });
-  return policy_;
+  if (const LabelPolicy* current = current_.load(std::memory_order_acquire)) return current;
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!loaded_) {
+    loaded_ = true;
+    retired_.push_back(load_());
+    current_.store(retired_.back().get(), std::memory_order_release);
+  }
+  return current_.load(std::memory_order_relaxed);
+}
+
+void PolicySource::refresh(uint64_t generation) {
+  if (!load_) return;
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (knowsGeneration_ && generation != generation_) {
+    // Loaded again on next use. The old one stays alive: nothing uses it
+    // once the rules have changed, but nothing has to prove that either.
+    loaded_ = false;
+    current_.store(nullptr, std::memory_order_release);
+  }
+  knowsGeneration_ = true;
+  generation_ = generation;
 }
 
 int labelTree(const std::string& root, const LabelPolicy& policy, const TreeLabelOptions& options,
@@ -919,7 +970,7 @@ int labelTree(const std::string& root, PolicySource& policy, const TreeLabelOpti
   if (!options.cacheFile.empty()) cache.load(options.cacheFile, fingerprint);
 
   try {
-    TreeRun run(policy, cache, rootStat, canonicalRoot);
+    TreeRun run(policy, cache, rootStat, canonicalRoot, options.guardWrites);
     unsigned workers = options.workers;
     if (workers == 0) workers = std::max(1u, std::thread::hardware_concurrency());
     std::unique_ptr<Progress> progress;
@@ -1000,6 +1051,7 @@ int addTagFullSystem(const std::string& root, const std::vector<std::string>& ex
 
   TreeLabelOptions options;
   options.excludes = excludes;
+  options.guardWrites = true;
   options.cacheFile = stateDirectory() + "/label-tree.cache";
   // Tests that fail one system call in turn need a single worker, so that
   // the Nth call is the same one on every run.

@@ -175,6 +175,28 @@ TEST_F(TreeLabelerTest, TreesDeeperThanPathMax) {
   close(fds[0]);
 }
 
+// A value a user sets while a run is labelling the tree must survive it: the
+// run computes each batch under the labels lock and sees the new rule. The
+// values are set once the run has begun, on hard-linked files, which a run
+// labels only after the whole walk.
+TEST_F(TreeLabelerTest, ValuesSetDuringARunAreKept) {
+  for (int i = 0; i < 10000; ++i)
+    makeFile("d" + std::to_string(i / 500) + "/f" + std::to_string(i));
+  std::vector<std::string> late;
+  for (int i = 0; i < 4; ++i) {
+    late.push_back(makeFile("late/f" + std::to_string(i)));
+    ASSERT_EQ(0, link(late.back().c_str(), (late.back() + ".2").c_str()));
+  }
+  pid_t pid = fork();
+  if (pid == 0) _exit(addTagFullSystem(root_, {}) == 0 ? 0 : 1);
+  while (!hasLabel(root_)) usleep(200);
+  for (const std::string& file : late) EXPECT_EQ(0, setFileTid(file.c_str(), 7, 0));
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_EQ(0, status);
+  for (const std::string& file : late) EXPECT_EQ(7u, labelOf(file).tid_) << file;
+}
+
 // Without the DAC capabilities, but still writing attributes, root meets mode 000.
 bool dropDirectoryAccessOverride() {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
