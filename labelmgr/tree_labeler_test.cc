@@ -1,6 +1,8 @@
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -173,6 +175,55 @@ TEST_F(TreeLabelerTest, TreesDeeperThanPathMax) {
     unlinkat(fds[i - 1], level.c_str(), AT_REMOVEDIR);
   }
   close(fds[0]);
+}
+
+// Removes `name` in `dirfd` and everything below it, however deep.
+void removeDeep(int parent, const char* name) {
+  int fd = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+  if (fd < 0) {
+    unlinkat(parent, name, 0);
+    return;
+  }
+  DIR* dir = fdopendir(fd);
+  std::vector<std::string> names;
+  while (const dirent* entry = readdir(dir))
+    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
+      names.push_back(entry->d_name);
+  for (const std::string& child : names) removeDeep(dirfd(dir), child.c_str());
+  closedir(dir);
+  unlinkat(parent, name, AT_REMOVEDIR);
+}
+
+// Hard links are labelled after the walk without holding a descriptor each,
+// so a tree of them deeper than the descriptor limit is labelled whole.
+TEST_F(TreeLabelerTest, HardLinksDeeperThanTheDescriptorLimit) {
+  const std::string level(20, 'h');
+  int dir = open(root_.c_str(), O_RDONLY | O_DIRECTORY);
+  for (int i = 0; i < 600; ++i) {
+    ASSERT_EQ(0, mkdirat(dir, level.c_str(), 0755));
+    int next = openat(dir, level.c_str(), O_RDONLY | O_DIRECTORY);
+    close(dir);
+    dir = next;
+    close(openat(dir, "a", O_CREAT | O_RDWR, 0644));
+    ASSERT_EQ(0, linkat(dir, "a", dir, "b", 0));
+  }
+  close(dir);
+  pid_t pid = fork();
+  if (pid == 0) {
+    const rlimit limit{384, 384};
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(3);
+    const std::string counts = labelRoot();
+    _exit(counts.find("1201 seen") == 0 && counts.find(" 0 failed") != std::string::npos &&
+                  getLabelSetStatus() == 1
+              ? 0
+              : 1);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_EQ(0, status);
+  int rootFd = open(root_.c_str(), O_RDONLY | O_DIRECTORY);
+  removeDeep(rootFd, level.c_str());
+  close(rootFd);
 }
 
 // A value a user sets while a run is labelling the tree must survive it: the
