@@ -28,31 +28,42 @@ const SqliteApi& sqlite() { return *sqliteApi(); }
 constexpr char kDatabaseFile[] = "labelmgr.db";
 // Long enough to outwait another run of the tool relabelling a large pattern.
 constexpr int kBusyTimeoutMs = 60000;
-// How long a writer tries to take a WAL database back to the rollback journal.
-constexpr int kLeaveWalMs = 1000;
+// What a kept -wal file may still take once its content is in the database.
+const char* const kWalSizeLimit = "PRAGMA journal_size_limit=1048576";
 
-// Readers must work where nothing can be written (a read-only or full file
-// system), which a WAL database does not allow: its readers need the -shm
-// file. A writer therefore keeps the database in the rollback journal,
-// moving a WAL database left by an earlier version back to it; our write
-// transactions are short, and a reader waits out a commit through the busy
-// timeout. The move needs the database to itself: when another process has
-// it open, the database stays in WAL for now and a later writer moves it.
-void leaveWal(StateDb& db) {
-  auto mode = [&db]() {
-    Statement query(db, "PRAGMA journal_mode");
-    return query.step() ? query.columnText(0) : std::string();
-  };
-  if (mode() != "wal") return;
-  for (int waitedMs = 0; waitedMs < kLeaveWalMs; waitedMs += 5) {
-    if (sqlite().exec(db.handle(), "PRAGMA journal_mode=DELETE", nullptr, nullptr, nullptr) ==
-            SQLITE_OK &&
-        mode() != "wal")
-      return;
+// WAL lets readers go on while a writer holds the lock; a file system that
+// cannot do WAL leaves the journal mode as it was, which still works.
+// Switching a new database to WAL needs a lock that SQLite does not wait for
+// through the busy handler, so two runs creating the database at the same
+// moment would see "database is locked": that is retried for as long as the
+// busy timeout allows. Only writers switch: a reader takes the database as
+// it finds it.
+bool switchToWal(sqlite3* handle, const std::string& path, int timeoutMs) {
+  const char* const kSql = "PRAGMA journal_mode=WAL";
+  for (int waitedMs = 0;; waitedMs += 5) {
+    char* message = nullptr;
+    int rc = sqlite().exec(handle, kSql, nullptr, nullptr, &message);
+    if (rc == SQLITE_OK) return true;
+    bool busy = (rc & 0xff) == SQLITE_BUSY || (rc & 0xff) == SQLITE_LOCKED;
+    if (!busy || waitedMs >= timeoutMs) {
+      ZLOG_ERROR("state database %s: \"%s\" failed: %s", path.c_str(), kSql,
+                 message ? message : sqlite().errmsg(handle));
+      sqlite().free(message);
+      return false;
+    }
+    sqlite().free(message);
     ::usleep(5000);
   }
-  ZLOG_DEBUG("state database %s stays in WAL mode for now: in use by another process",
-             db.path().c_str());
+}
+
+// A WAL reader needs the -wal and -shm files, and creating them needs room
+// that a full file system does not have. Every connection therefore leaves
+// them in place when it closes (the -wal truncated to kWalSizeLimit), so that
+// a reader finds them ready; on a read-only file system the database is
+// opened immutable instead (nothing can change it there).
+void keepWalFiles(sqlite3* handle) {
+  int persist = 1;
+  sqlite().file_control(handle, "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
 }
 
 // A URI for the database on a read-only file system: nothing can change it
@@ -157,7 +168,10 @@ std::unique_ptr<StateDb> StateDb::open(OpenMode mode, bool* absent) {
   }
   std::unique_ptr<StateDb> db(new StateDb(handle, path));
   sqlite().busy_timeout(handle, kBusyTimeoutMs);
-  if (create && !readOnlyFs) leaveWal(*db);
+  if (!readOnlyFs) keepWalFiles(handle);
+  if (create && !readOnlyFs &&
+      (!switchToWal(handle, path, kBusyTimeoutMs) || !db->exec(kWalSizeLimit)))
+    return nullptr;
   if (mode == OpenMode::kReadOnly || readOnlyFs) {
     int version = userVersion(*db);
     if (version < 0) return nullptr;

@@ -33,13 +33,14 @@ class StateDb {
 
   /// Opens the database "labelmgr.db" in stateDirectory() with a busy
   /// timeout. The state directory must be safe (see state_files.h) and the
-  /// database a regular file, never a link. kCreate and kExisting bring the
-  /// schema up to date; kCreate also keeps the database in the rollback
-  /// journal, moving a WAL database back to it, so that kReadOnly and
-  /// kExisting opens, which never change the journal mode, work on a full or
-  /// read-only file system. Null on failure, with one error line; with
-  /// kExisting or kReadOnly and no database yet (or, for kReadOnly, one
-  /// without a schema), null, *absent = true and nothing logged.
+  /// database a regular file, never a link. kCreate switches the database to
+  /// WAL mode; kCreate and kExisting bring the schema up to date. No open
+  /// removes the -wal and -shm files when it closes, so that kReadOnly and
+  /// kExisting opens, which never change the journal mode, can read on a full
+  /// file system; on a read-only one the database is opened immutable. Null
+  /// on failure, with one error line; with kExisting or kReadOnly and no
+  /// database yet (or, for kReadOnly, one without a schema), null,
+  /// *absent = true and nothing logged.
   static std::unique_ptr<StateDb> open(OpenMode mode, bool* absent = nullptr);
 
   ~StateDb();
