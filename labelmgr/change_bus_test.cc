@@ -189,7 +189,7 @@ TEST_F(ChangeMessagesTest, OnePerChangedFileAndPackage) {
   fileMessage("init", a);
   ASSERT_NE("", restoreSingleFileInitLabel(a));
   ASSERT_EQ(0, addTagFullSystem(root_ + "/etc", {}));
-  expected.push_back("file label-tree " + root_ + "/etc 3 4");
+  expected.push_back("file label-tree " + root_ + "/etc 3 4 0");
 
   ASSERT_EQ(0, setPkgId("alpha", 0x42));
   expected.push_back("pkg set-id alpha 0000000000000042");

@@ -115,11 +115,11 @@ int getDeviceOid(const char* deviceName, uint64_t* oid) {
     return -1;
   }
   std::string path = deviceName[0] == '/' ? deviceName : std::string("/dev/") + deviceName;
-  std::string device = lm::admitExactPath(path);
-  if (device.empty()) return -1;
-  struct stat st;
-  if (device.compare(0, 5, "/dev/") != 0 || stat(device.c_str(), &st) != 0 ||
-      !(S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode))) {
+  zorv::PinnedEntry entry;
+  if (!lm::admitExactPath(path.c_str(), &entry)) return -1;
+  const std::string& device = entry.path;
+  const struct stat& st = entry.st;
+  if (device.compare(0, 5, "/dev/") != 0 || !(S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode))) {
     ZLOG_ERROR("not a device under /dev: %s", deviceName);
     return -1;
   }

@@ -33,7 +33,7 @@ bool admitPackageName(const char* name) {
 }
 
 bool PackageIds::load(StateDb* db, const std::string& dpkgDir) {
-  installed_ = readInstalledPackages(dpkgDir);
+  if (!readInstalledPackages(dpkgDir, &installed_)) return false;
   userSet_.clear();
   userSetByName_.clear();
   if (db != nullptr && !loadPkgIds(*db, &userSet_)) return false;
