@@ -98,6 +98,7 @@ bool dropToUser() { return setgroups(0, nullptr) == 0 && setgid(kUser) == 0 && s
 
 // How the user swaps ROOT/u for the link.
 enum class Swap {
+  kNone,     // not at all: shows what the run changes in the tree
   kEarly,    // before the run starts, for good
   kFlip,     // back and forth all through the run
   kReached,  // once for good, as soon as any label in ROOT/u changes
@@ -105,6 +106,8 @@ enum class Swap {
 
 const char* swapName(Swap swap) {
   switch (swap) {
+    case Swap::kNone:
+      return "not swapped";
     case Swap::kEarly:
       return "swapped before the run";
     case Swap::kFlip:
@@ -281,12 +284,17 @@ class RaceTest : public zorv_testing::OwnLibraryTest {
     return entries;
   }
 
-  // Every outside entry's label, read by path and by handle.
-  std::map<std::string, std::pair<Value, Value>> outsideLabels() const {
-    std::map<std::string, std::pair<Value, Value>> labels;
-    for (const std::string& entry : outsideEntries()) {
-      const std::string dir = entry == outside_ ? entry : entry.substr(0, entry.rfind('/'));
-      const std::string name = entry == outside_ ? "." : entry.substr(entry.rfind('/') + 1);
+  // The label of `top` and of every entry below it, read by path and by
+  // handle.
+  using Labels = std::map<std::string, std::pair<Value, Value>>;
+  static Labels labelsUnder(const std::string& top) {
+    std::vector<std::string> entries{top};
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(top))
+      entries.push_back(entry.path().string());
+    Labels labels;
+    for (const std::string& entry : entries) {
+      const std::string dir = entry == top ? entry : entry.substr(0, entry.rfind('/'));
+      const std::string name = entry == top ? "." : entry.substr(entry.rfind('/') + 1);
       const int dirfd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
       labels[entry] = {attributeByPath(entry), attributeByHandle(dirfd, name)};
       close(dirfd);
@@ -294,29 +302,37 @@ class RaceTest : public zorv_testing::OwnLibraryTest {
     return labels;
   }
 
-  size_t changedSince(const std::map<std::string, std::pair<Value, Value>>& before) const {
+  // How many entries below `top` have another label than in `before`.
+  static size_t changedSince(const std::string& top, const Labels& before) {
     size_t changed = 0;
-    for (const auto& [entry, labels] : outsideLabels()) {
+    for (const auto& [entry, labels] : labelsUnder(top)) {
       auto earlier = before.find(entry);
       changed += earlier == before.end() || earlier->second != labels;
     }
     return changed;
   }
 
+  Labels outsideLabels() const { return labelsUnder(outside_); }
+  size_t changedSince(const Labels& before) const { return changedSince(outside_, before); }
+
   // The directories whose labels, or their entries' labels, tell the user
   // that the run has reached ROOT/u.
   std::vector<std::string> watched() const { return {root_ + "/u", root_ + "/u/d"}; }
 
-  // Runs the tool with `args` on fresh trees, prepared by `prepare`, while
-  // the user swaps ROOT/u in each way of `swaps` (back and forth in several
-  // rounds, since each catches the run at other moments). Prints, for each
-  // way, how many outside entries changed, and expects none.
+  // Runs the tool with `args` on fresh trees, prepared by `prepare`, once
+  // without swapping (which must change labels in the tree: else the attacks
+  // prove nothing) and then while the user swaps ROOT/u in each way of
+  // `swaps` (back and forth in several rounds, since each catches the run at
+  // other moments). Prints, for each way, how many entries changed outside
+  // and inside, and expects none outside.
   void attack(
       const std::string& scenario, const std::vector<Swap>& swaps,
       const std::vector<std::string>& args, const std::function<void()>& prepare = [] {}) {
-    for (Swap swap : swaps) {
+    std::vector<Swap> ways{Swap::kNone};
+    ways.insert(ways.end(), swaps.begin(), swaps.end());
+    for (Swap swap : ways) {
       const int rounds = swap == Swap::kFlip ? 5 : 1;
-      size_t changed = 0, entries = 0;
+      size_t changed = 0, entries = 0, changedInside = 0;
       long swapped = 0;
       std::string statuses, counts;
       const auto start = std::chrono::steady_clock::now();
@@ -324,23 +340,30 @@ class RaceTest : public zorv_testing::OwnLibraryTest {
         ASSERT_NO_FATAL_FAILURE(freshTrees());
         ASSERT_NO_FATAL_FAILURE(prepare());
         const auto before = outsideLabels();
+        const auto inside = labelsUnder(root_);
         Swapper swapper(swap, root_ + "/u", spare_ + "/u", watched());
         ASSERT_TRUE(swapper.started());
         const ToolResult run = runTool(args, {}, 60);
         swapped += swapper.stop();
         const size_t changedNow = changedSince(before);
         changed += changedNow;
+        changedInside += changedSince(root_, inside);
         counts += (counts.empty() ? "" : ",") + std::to_string(changedNow);
         entries = before.size();
         statuses += (statuses.empty() ? "" : ",") + std::to_string(run.status);
       }
       const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
       // Counts and exit statuses are listed per round.
-      printf("[race] %-26s %-23s outside entries changed: %s of %zu (%ld swaps, exit %s, %.1f s)\n",
-             scenario.c_str(), swapName(swap), counts.c_str(), entries, swapped, statuses.c_str(),
-             took.count());
+      printf(
+          "[race] %-26s %-23s outside entries changed: %s of %zu"
+          " (inside: %zu; %ld swaps, exit %s, %.1f s)\n",
+          scenario.c_str(), swapName(swap), counts.c_str(), entries, changedInside, swapped,
+          statuses.c_str(), took.count());
       fflush(stdout);
       EXPECT_EQ(changed, 0u) << scenario << ", " << swapName(swap);
+      if (swap == Swap::kNone) {
+        EXPECT_GT(changedInside, 0u) << scenario << " changed nothing in the tree";
+      }
     }
   }
 };
@@ -394,7 +417,9 @@ TEST_F(RaceTest, ExactRuleWhoseTargetBecameALinkIsNotFollowed) {
   for (bool wholeDir : {true, false}) {
     for (bool clear : {true, false}) {
       ASSERT_NO_FATAL_FAILURE(freshTrees());
+      const Value unset = attributeByPath(target);
       ASSERT_EQ(runTool({"-a", "-o", target, "1", "2", "3"}).status, 0);
+      ASSERT_NE(attributeByPath(target), unset) << "the rule was not applied";
       const auto before = outsideLabels();
       const std::string replaced = zorv_testing::runAsNobody([&] {
         if (wholeDir) return std::string(swapNames(root_ + "/u", spare_ + "/u") ? "" : "exchange");
