@@ -119,12 +119,13 @@ struct Item {
   std::string path;
   uint32_t nameOffset = 0;
   bool isSlash = false;             // the root "/", which is "." of its own directory
+  bool inCwd = false;               // the worker's working directory is `dir`
   unsigned char type = DT_UNKNOWN;  // as the directory listing gave it
   bool hasStat = false;
   bool linkResolved = false;  // a hard link already chosen as its inode's one name
   EntryStat stat;
 
-  int dirfd() const { return dir->get(); }
+  int dirfd() const { return inCwd ? AT_FDCWD : dir->get(); }
   const char* name() const { return isSlash ? "." : path.c_str() + nameOffset; }
 };
 
@@ -196,6 +197,10 @@ struct WorkerState {
   std::optional<StateLock> lock;
   std::unique_ptr<StateDb> db;  // this worker's own connection, for the rules generation
   bool guardFailed = false;     // logged once; every entry that needs a label then fails
+  // Without the *xattrat calls, the worker moves its own working directory
+  // into each directory once and reaches entries by their bare names.
+  bool moveCwd = false;
+  DirRef cwd;  // where the working directory is, kept open while it is there
 };
 
 // Undoes the octal escapes (\040 for a blank and so on) of /proc mount tables.
@@ -381,10 +386,15 @@ class TreeRun {
   // full, and a change made between the write and the stat() is seen by the
   // read. (Reading the change time also makes file systems with
   // fine-grained change times give any later change a distinct one.)
+  // `statAfterWrite`: a stat already made after the write, if any.
   void rememberWritten(const Item& item, const struct stat& labelledAs, const unsigned char* wanted,
-                       size_t wantedSize, uint64_t pathHash, WorkerState& worker) {
+                       size_t wantedSize, uint64_t pathHash, WorkerState& worker,
+                       const EntryStat* statAfterWrite = nullptr) {
     EntryStat after;
-    if (statEntry(item.dirfd(), item.name(), AT_SYMLINK_NOFOLLOW, &after) != 0) return;
+    if (statAfterWrite != nullptr)
+      after = *statAfterWrite;
+    else if (statEntry(item.dirfd(), item.name(), AT_SYMLINK_NOFOLLOW, &after) != 0)
+      return;
     if (after.st.st_dev != labelledAs.st_dev || after.st.st_ino != labelledAs.st_ino ||
         after.st.st_mode != labelledAs.st_mode || after.st.st_nlink != labelledAs.st_nlink)
       return;
@@ -441,7 +451,8 @@ class TreeRun {
       return false;
     }
     ++stats.seen;
-    if (!LabelPolicy::sameInitLabel(guess.st_mode, st.st_mode)) {
+    bool rewritten = !LabelPolicy::sameInitLabel(guess.st_mode, st.st_mode);
+    if (rewritten) {
       Label label = policy->effectiveLabel(item.path, st);
       wantedSize = label.serializeToBuffer(wanted, sizeof wanted);
       if (wantedSize == 0) {
@@ -455,7 +466,8 @@ class TreeRun {
       }
     }
     ++stats.written;
-    rememberWritten(item, st, wanted, wantedSize, TreeLabelCache::hashPath(item.path), worker);
+    rememberWritten(item, st, wanted, wantedSize, TreeLabelCache::hashPath(item.path), worker,
+                    rewritten ? nullptr : &item.stat);
     return true;
   }
 
@@ -552,10 +564,11 @@ class WorkerPool {
   void work(WorkerState& worker) {
     // Lets the attribute calls' fallback (kernels without the *xattrat
     // calls) move this thread's working directory into each directory.
-    usePrivateWorkingDirectory();
+    worker.moveCwd = !usingXattrAt() && usePrivateWorkingDirectory();
     std::vector<Item> batch;
     while (queue_.pop(&batch)) {
       for (Item& item : batch) {
+        if (worker.moveCwd && !enter(item, worker)) continue;
         try {
           run_.process(item, worker);
         } catch (const std::exception& e) {
@@ -567,6 +580,23 @@ class WorkerPool {
       run_.done += batch.size();
       batch.clear();
     }
+  }
+
+  // Moves the worker's working directory into the item's directory, unless
+  // it is there already. False (counted, logged) when it cannot.
+  static bool enter(Item& item, WorkerState& worker) {
+    if (item.dir != worker.cwd) {
+      worker.cwd.reset();
+      if (::fchdir(item.dir->get()) != 0) {
+        TREE_LOG(ERROR, "cannot enter the directory of %s: %s", item.path.c_str(),
+                 std::strerror(errno));
+        ++worker.stats.failed;
+        return false;
+      }
+      worker.cwd = item.dir;
+    }
+    item.inCwd = true;
+    return true;
   }
 
   TreeRun& run_;
