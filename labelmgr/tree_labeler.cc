@@ -972,7 +972,7 @@ int labelTree(const std::string& root, PolicySource& policy, const TreeLabelOpti
   TreeLabelStats total;
   // The root is pinned once; everything below it is reached from its
   // descriptor.
-  PinnedEntry rootEntry;
+  zorv::PinnedEntry rootEntry;
   std::string error;
   if (resolvePinned(root, LinkRule::kSafe, true, &rootEntry, &error) != 0) {
     ZLOG_ERROR("cannot label the tree under %s: %s", root.c_str(), error.c_str());
@@ -1072,8 +1072,12 @@ int addTagFullSystem(const std::string& root, const std::vector<std::string>& ex
   std::vector<FileRule> rules;
   std::vector<PkgIdRule> packageIds;
   if (!loadFileRules(*db, std::nullopt, &rules) || !loadPkgIds(*db, &packageIds)) return -1;
-  char resolved[PATH_MAX];
-  std::string canonicalRoot = ::realpath(root.c_str(), resolved) != nullptr ? resolved : root;
+  // Resolved as labelTree() resolves it; a root it refuses is refused there.
+  zorv::PinnedEntry rootEntry;
+  std::string canonicalRoot =
+      zorv::resolvePinned(root, zorv::LinkRule::kSafe, true, &rootEntry, nullptr) == 0
+          ? rootEntry.path
+          : root;
   StateDb* state = db.get();
   PolicySource policy(
       [state, canonicalRoot] { return LabelPolicy::loadUnder(state, canonicalRoot); },
