@@ -5,10 +5,10 @@
 # tests. A list named NAME.txt covers the object whose file name is NAME or
 # libNAME.so.*. To accept a change, put the new name in its list.
 #
-# Also checked: the tool searches its libraries through RUNPATH (so that
+# Also checked: each object searches its libraries through RUNPATH (so that
 # LD_LIBRARY_PATH can put another label manager library first) without an
-# empty entry, and no object needs libzmq, libcrypto or libsqlite3 at load
-# time (they are opened on first use).
+# empty entry, no object needs libzmq, libcrypto or libsqlite3 at load time
+# (they are opened on first use), and the tool needs libzorvlabelmgr.so.1.
 #
 # Usage: check_exports.sh LIST_DIR TOOL OBJECT...
 set -u
@@ -36,24 +36,24 @@ for object in "$@"; do
     grep '^[-+][^-+]' "$work/diff"
     status=1
   fi
-  needed=$(readelf -d "$object" | sed -n 's/.*Shared library: \[\(.*\)\]/\1/p')
-  for library in $(printf '%s\n' "$needed" | grep -E '^(libzmq|libcrypto|libsqlite3)'); do
+  dynamic=$(readelf -d "$object") || exit 1
+  for library in $(printf '%s\n' "$dynamic" | sed -n 's/.*Shared library: \[\(.*\)\]/\1/p' |
+                   grep -E '^(libzmq|libcrypto|libsqlite3)'); do
     echo "$object needs $library at start-up"
     status=1
   done
+  if printf '%s\n' "$dynamic" | grep -q '(RPATH)'; then
+    echo "$object has RPATH, which LD_LIBRARY_PATH cannot override"
+    status=1
+  fi
+  # An empty RUNPATH entry means the current directory: every run would look
+  # for its libraries wherever it was started.
+  if printf '%s\n' "$dynamic" | grep -E '\(RUNPATH\).*\[(:|.*::|.*:\])' >/dev/null; then
+    echo "$object's RUNPATH has an empty entry, which searches the current directory"
+    status=1
+  fi
 done
-dynamic=$(readelf -d "$tool") || exit 1
-if printf '%s\n' "$dynamic" | grep -q '(RPATH)'; then
-  echo "$tool has RPATH, which LD_LIBRARY_PATH cannot override"
-  status=1
-fi
-# An empty RUNPATH entry means the current directory: every run would look
-# for its libraries wherever it was started.
-if printf '%s\n' "$dynamic" | grep -E '\(RUNPATH\).*\[(:|.*::|.*:\])' >/dev/null; then
-  echo "$tool's RUNPATH has an empty entry, which searches the current directory"
-  status=1
-fi
-if ! printf '%s\n' "$dynamic" | grep -q 'Shared library: \[libzorvlabelmgr.so.1\]'; then
+if ! readelf -d "$tool" | grep -q 'Shared library: \[libzorvlabelmgr.so.1\]'; then
   echo "$tool does not need libzorvlabelmgr.so.1"
   status=1
 fi
