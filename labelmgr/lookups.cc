@@ -15,6 +15,7 @@
 #include "common/sm3.h"
 #include "labelmgr/label_policy.h"
 #include "labelmgr/package_ids.h"
+#include "labelmgr/path_digest.h"
 #include "labelmgr/path_gate.h"
 #include "labelmgr/state_db.h"
 #include "log/logger.h"
@@ -123,7 +124,8 @@ int getDeviceOid(const char* deviceName, uint64_t* oid) {
     ZLOG_ERROR("not a device under /dev: %s", deviceName);
     return -1;
   }
-  *oid = getSM3HashLast64Bits(device);
+  if (!lm::digestsAvailable()) return -1;
+  *oid = lm::sm3Last64Bits(device);
   return 0;
 }
 
