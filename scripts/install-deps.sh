@@ -6,7 +6,7 @@ packages=(
   g++ make cmake pkg-config
   liblog4cpp5-dev libssl-dev libzmq3-dev libsqlite3-dev sqlite3
   googletest libgtest-dev libgmock-dev
-  attr
+  attr strace
   dpkg-dev file man-db
   clang-14 libclang-rt-14-dev
 )
