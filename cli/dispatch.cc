@@ -36,8 +36,13 @@ int runAdd(const CommandOptions& options) {
   if (options.oidArg) return setOid(options);
   if (options.sidArg) return setSid(options);
   if (options.tidArg) {
+    // The run goes on to the inherit-flag set only when -n is given and the
+    // count is right (the count rule of setTid); every other TID set ends
+    // here, a wrong count included, and closes the system log.
+    const bool goesOnToFlag =
+        options.inheritFlagArg != nullptr && options.argc == 5 + options.patternMatch;
     const int status = setTid(options);
-    return options.inheritFlagArg ? status : closeLogAndReturn(status);
+    return goesOnToFlag ? status : closeLogAndReturn(status);
   }
   if (options.inheritFlagArg) return setInheritFlag(options, true);
   if (options.creatorOidArg) return closeLogAndReturn(0);

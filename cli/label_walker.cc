@@ -55,7 +55,6 @@ class DirHandle {
 void walkPattern(const std::string& pattern, const std::string& attrName, LabelCallback callback,
                  bool recursive) {
   GlobResult matches(pattern);
-  BatchedOutput batch;
   if (matches.size() == 0) {
     std::cerr << "Warning: No files matched the pattern: " << pattern << std::endl;
     return;
@@ -64,7 +63,6 @@ void walkPattern(const std::string& pattern, const std::string& attrName, LabelC
     const std::string match = matches[i];
     struct stat st;
     if (stat(match.c_str(), &st) != 0) {
-      flushStandardOutput();
       std::cerr << "Error: File or directory does not exist: " << match << std::endl;
       continue;
     }

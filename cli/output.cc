@@ -6,11 +6,7 @@
 namespace zorv::cli {
 namespace {
 
-int batchDepth = 0;
-
-void endLine() {
-  if (batchDepth == 0) std::fflush(stdout);
-}
+void endLine() { std::fflush(stdout); }
 
 }  // namespace
 
@@ -33,14 +29,5 @@ void printFormatted(const char* format, ...) {
   va_end(args);
   endLine();
 }
-
-BatchedOutput::BatchedOutput() { ++batchDepth; }
-
-BatchedOutput::~BatchedOutput() {
-  --batchDepth;
-  std::fflush(stdout);
-}
-
-void flushStandardOutput() { std::fflush(stdout); }
 
 }  // namespace zorv::cli

@@ -1,7 +1,8 @@
-// Standard-output helpers of the tool. Every line is flushed as it is written
-// so that the output can be followed through a pipe, except inside a
-// BatchedOutput; all of them go through C stdio, which std::cout shares while
-// it stays synchronised with stdio.
+// Standard-output helpers of the tool. Every line is flushed as it is written,
+// listings of whole trees included, so that the output can be followed through
+// a pipe and keeps its order with standard error when both share a file; all
+// of them go through C stdio, which std::cout shares while it stays
+// synchronised with stdio.
 #ifndef ZORV_CLI_OUTPUT_H_
 #define ZORV_CLI_OUTPUT_H_
 
@@ -18,22 +19,6 @@ void printLine(const std::string& text);
 void printLine(std::initializer_list<std::string_view> pieces);
 /// printf to standard output, flushed. The format carries its own newline.
 void printFormatted(const char* format, ...) __attribute__((format(printf, 1, 2)));
-
-/// While one lives, lines are left to stdio's buffer instead of being flushed
-/// one by one: a listing of a whole tree would otherwise cost one write per
-/// file. Whatever writes to standard error meanwhile must call
-/// flushStandardOutput() first, so that the two streams keep their order when
-/// they share a file.
-class BatchedOutput {
- public:
-  BatchedOutput();
-  ~BatchedOutput();
-  BatchedOutput(const BatchedOutput&) = delete;
-  BatchedOutput& operator=(const BatchedOutput&) = delete;
-};
-
-/// Writes out what standard output holds.
-void flushStandardOutput();
 
 }  // namespace zorv::cli
 

@@ -83,7 +83,8 @@ std::string restoreSingleFileLabel(const std::string& path);
 std::string restoreSingleFileInitLabel(const std::string& path);
 /// Labels every file under `root`, skipping `excludes`.
 int addTagFullSystem(const std::string& root, const std::vector<std::string>& excludes);
-/// 1 once a whole-tree labelling has completed, 0 before.
+/// 1 once a whole-tree labelling has completed, 0 before; our library answers 2
+/// while the last run left files unlabelled.
 int getLabelSetStatus();
 
 int getKernelModuleOid(const char* moduleName, uint64_t* oid);  // sign

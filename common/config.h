@@ -6,12 +6,14 @@
 #include <string>
 #include <unordered_map>
 
+#include "log/export.h"
+
 /// Sections of trimmed key/value pairs; '#' comments, keys outside sections
 /// ignored, the first of two equal keys wins.
-std::unordered_map<std::string, std::unordered_map<std::string, std::string>> parseConfig(
-    const std::string& path);
+ZORV_EXPORT std::unordered_map<std::string, std::unordered_map<std::string, std::string>>
+parseConfig(const std::string& path);
 /// One flat table of "section.key" (or bare key) to value; '#' and ';'
 /// comments, every blank removed from values, the last of two equal keys wins.
-std::map<std::string, std::string> readConfig(const std::string& path);
+ZORV_EXPORT std::map<std::string, std::string> readConfig(const std::string& path);
 
 #endif  // ZORV_COMMON_CONFIG_H_

@@ -4,10 +4,12 @@
 
 #include <string>
 
+#include "log/export.h"
+
 /// The whole file, byte for byte; "" when it cannot be opened (or is empty).
-std::string readFile(const std::string& path);
+ZORV_EXPORT std::string readFile(const std::string& path);
 /// Truncates or creates `path` and writes `content`; false only when it could
 /// not be opened.
-bool writeFile(const std::string& path, const std::string& content);
+ZORV_EXPORT bool writeFile(const std::string& path, const std::string& content);
 
 #endif  // ZORV_COMMON_FILE_IO_H_

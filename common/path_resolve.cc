@@ -142,7 +142,10 @@ bool isFilesystemReadOnly(const char* path) {
     return false;
   }
   if (statvfs(path, &info) != 0) {
-    ZLOG_ERROR("statfs error, %s, %s", strerror(errno), path);
+    // Saved first: the logger's first use may change errno before the
+    // arguments are read.
+    const int error = errno;
+    ZLOG_ERROR("statfs error, %s, %s", strerror(error), path);
     return false;
   }
   return (info.f_flag & ST_RDONLY) != 0;

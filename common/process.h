@@ -8,11 +8,13 @@
 #include <utility>
 #include <vector>
 
+#include "log/export.h"
+
 /// The kernel command line split at every single space into name/value pairs.
-std::vector<std::pair<std::string, std::string>> parseKernelCmdline();
+ZORV_EXPORT std::vector<std::pair<std::string, std::string>> parseKernelCmdline();
 /// The ancestors of `pid`, nearest first, up to (not including) init.
-std::vector<int32_t> getAllParent(int32_t pid);
+ZORV_EXPORT std::vector<int32_t> getAllParent(int32_t pid);
 /// Every readable /proc/PID/exe target with the pids that run it.
-std::map<std::string, std::vector<int32_t>> findProcessExeFile();
+ZORV_EXPORT std::map<std::string, std::vector<int32_t>> findProcessExeFile();
 
 #endif  // ZORV_COMMON_PROCESS_H_

@@ -197,7 +197,10 @@ int traverseDirectory(const std::string& rootArg, std::vector<std::string>& out)
     return -1;
   }
   if (access(root.c_str(), F_OK) != 0) {
-    ZLOG_ERROR("Directory does not exist: %s, error: %s", root.c_str(), strerror(errno));
+    // Saved first: the logger's first use may change errno before the
+    // arguments are read.
+    const int error = errno;
+    ZLOG_ERROR("Directory does not exist: %s, error: %s", root.c_str(), strerror(error));
     return -1;
   }
   struct stat st {};

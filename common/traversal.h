@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "log/export.h"
+
 /// Appends to `out` every readable directory under `root` (breadth first),
 /// each followed by its regular files and symbolic links in readdir order.
 /// Links are never followed; at most 100000 directories are read. Returns 0
@@ -13,10 +15,10 @@
 /// entry is skipped and the walk goes on. Wide levels are read on up to three
 /// helper threads, all joined before it returns; only the calling thread logs
 /// or touches `out`.
-int traverseDirectory(const std::string& root, std::vector<std::string>& out);
+ZORV_EXPORT int traverseDirectory(const std::string& root, std::vector<std::string>& out);
 /// Expands entries whose last component holds '*' and sorts everything with
 /// comparePaths. Duplicates stay. Lets a filesystem_error of the expansion
 /// through.
-std::vector<std::string> sortPaths(std::vector<std::string> paths);
+ZORV_EXPORT std::vector<std::string> sortPaths(std::vector<std::string> paths);
 
 #endif  // ZORV_COMMON_TRAVERSAL_H_

@@ -109,6 +109,8 @@ std::vector<std::string> searchFilesByPattern(const std::string& pattern) {
   }
   GlobResult result;
   const int rc = glob(pattern.c_str(), GLOB_TILDE | GLOB_NOSORT, nullptr, result.get());
+  // Saved before anything else runs: the logger's first use may change it.
+  const int globErrno = errno;
   switch (rc) {
     case 0:
       found.reserve(result.get()->gl_pathc);
@@ -119,7 +121,7 @@ std::vector<std::string> searchFilesByPattern(const std::string& pattern) {
       ZLOG_ERROR("Ran out of memory.");
       break;
     case GLOB_ABORTED:
-      ZLOG_ERROR("Read error. %s", strerror(errno));
+      ZLOG_ERROR("Read error. %s", strerror(globErrno));
       break;
     case GLOB_NOMATCH:
       // Kept at error level like every other glob outcome, although an empty

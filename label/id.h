@@ -5,7 +5,9 @@
 #include <cstdint>
 #include <string>
 
-class Id {
+#include "log/export.h"
+
+class ZORV_EXPORT Id {
  public:
   uint64_t pkg_ = 0;
   uint64_t file_ = 0;

@@ -8,11 +8,12 @@
 
 #include "label/id.h"
 #include "label/label_error.h"
+#include "log/export.h"
 
 /// Lower-case hex, two digits per byte, no separators; "" for length 0.
-std::string bytesToHexString(const unsigned char* data, unsigned long length);
+ZORV_EXPORT std::string bytesToHexString(const unsigned char* data, unsigned long length);
 
-class Label {
+class ZORV_EXPORT Label {
  public:
   Id oid_;
   Id sid_;

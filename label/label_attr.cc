@@ -71,7 +71,8 @@ class FallbackTarget {
  public:
   FallbackTarget(int dirfd, const char* name) {
     if (tPrivateCwd) {
-      if (::fchdir(dirfd) != 0) {
+      // AT_FDCWD: the caller has moved this thread's directory already.
+      if (dirfd != AT_FDCWD && ::fchdir(dirfd) != 0) {
         error_ = errno;
         return;
       }

@@ -33,6 +33,11 @@ int writeLabelAt(int dirfd, const char* name, const void* value, size_t size, in
 /// Removes it. 0 or -errno (-ENODATA: there was none).
 int removeLabelAt(int dirfd, const char* name);
 
+/// `dirfd` may be AT_FDCWD: the entry is then looked up in the working
+/// directory, which a thread that called usePrivateWorkingDirectory() may
+/// have moved into a pinned directory itself (once per directory, instead of
+/// once per call).
+///
 /// Gives the calling thread a working directory of its own (unshare
 /// CLONE_FS), so that the fallback may move it freely: for worker threads
 /// that the library starts itself. False (errno set) when refused.

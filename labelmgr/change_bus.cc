@@ -1,70 +1,45 @@
 #include "labelmgr/change_bus.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 #include <zmq.h>
 
 #include <cerrno>
-#include <cinttypes>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <mutex>
-#include <set>
 #include <stdexcept>
 
+#include "labelmgr/change_message.h"
+#include "labelmgr/listener_dir.h"
 #include "labelmgr/state_db.h"
 #include "log/logger.h"
+#include "msg/zmq_api_internal.h"
 #include "msg/zmq_socket.h"
 
 namespace zorv::labelmgr {
 namespace {
 
-constexpr char kEndpointSuffix[] = ".ipc";
-constexpr char kLockSuffix[] = ".lock";
+constexpr char kListenerDir[] = "listeners";
 
-// How long closing waits for queued messages to leave. A live listener takes
-// them at once; only one that died after we looked can hold us this long.
-constexpr int kLingerMs = 500;
-// A send that cannot even be queued (the listener stopped reading and its queue
-// is full) gives up after this long; that listener is then dropped for the rest
-// of the process so that a pattern set does not stall on every message.
-constexpr int kSendTimeoutMs = 1000;
+// How long closing waits for queued messages to leave, for all listeners
+// together. A live listener takes them at once; only one that died after we
+// looked can hold us this long.
+constexpr int kLingerMs = 200;
+// A listener that stopped reading lets this many messages queue before a send
+// would block; it is then dropped for the rest of the process, so that a
+// pattern set never stalls on it.
 constexpr int kSendHighWater = 100000;
 constexpr int kReceiveHighWater = 1000000;
 // Directory timestamps are only as fine as the file system's clock (a whole
 // second on some). Until a listing is this much younger than the mtime it saw,
 // an unchanged mtime does not prove that nothing was added since.
 constexpr int64_t kMtimeMarginNs = 2'000'000'000;
-// A lock file without an endpoint this old belongs to a listener that died
-// while setting itself up.
-constexpr time_t kOrphanLockAgeS = 60;
 // How often a publisher makes sure the listeners it is connected to still live.
 constexpr int64_t kPeerCheckIntervalNs = 1'000'000'000;
-
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  ~UniqueFd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-bool endsWith(const std::string& text, const char* suffix) {
-  size_t n = std::strlen(suffix);
-  return text.size() > n && text.compare(text.size() - n, n, suffix) == 0;
-}
 
 int64_t toNs(const timespec& t) { return int64_t{t.tv_sec} * 1'000'000'000 + t.tv_nsec; }
 
@@ -74,33 +49,9 @@ int64_t nowNs() {
   return toNs(t);
 }
 
-// Creates `path` (mode `mode`) and any missing parents (0755).
-bool makeDirectory(const std::string& path, mode_t mode) {
-  struct stat st;
-  if (::stat(path.c_str(), &st) == 0) return S_ISDIR(st.st_mode);
-  size_t slash = path.find_last_of('/');
-  if (slash != std::string::npos && slash > 0 && !makeDirectory(path.substr(0, slash), 0755)) {
-    return false;
-  }
-  if (::mkdir(path.c_str(), mode) != 0 && errno != EEXIST) return false;
-  return true;
-}
-
-// True while the listener that owns `lockPath` holds its lock. A lock file that
-// cannot be opened for another reason than its absence counts as alive: a
-// wrong guess costs one bounded linger, a wrong removal would cut off a
-// listener.
-bool listenerAlive(const std::string& lockPath) {
-  UniqueFd fd(::open(lockPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-  if (fd.get() < 0) return errno != ENOENT;
-  // A shared probe: two publishers testing the same dead listener both see it
-  // dead instead of one of them mistaking the other's probe for the listener.
-  if (::flock(fd.get(), LOCK_SH | LOCK_NB) == 0) return false;
-  return errno == EWOULDBLOCK;
-}
-
-// The publishing side of one process. Its sockets stay open across messages
-// and are closed at exit with a bounded linger.
+// The publishing side of one process: one ZeroMQ context (so two threads
+// however many listeners there are) and one PUSH socket per live listener,
+// kept open across messages and closed at exit with one bounded linger.
 class Publisher {
  public:
   static Publisher& instance() {
@@ -112,29 +63,36 @@ class Publisher {
     std::lock_guard<std::mutex> lock(mutex_);
     adoptProcess();
     refresh();
+    if (peers_.empty()) return;
+    const ZmqApi* zmq = zmqApi();
+    std::string text = escapeMessageField(message);
     for (size_t i = 0; i < peers_.size();) {
-      try {
-        peers_[i].socket->send(message);
-        ++i;
-      } catch (const std::exception& e) {
-        ZLOG_ERROR("label change message not delivered to listener %s: %s", peers_[i].name.c_str(),
-                   e.what());
-        dropPeer(i, true);
+      zmq_msg_t frame;
+      if (zmq->msg_init_size(&frame, text.size()) == 0) {
+        std::memcpy(zmq->msg_data(&frame), text.data(), text.size());
+        if (zmq->sendmsg(peers_[i].socket, &frame, ZMQ_DONTWAIT) >= 0) {
+          ++i;
+          continue;
+        }
+        zmq->msg_close(&frame);
       }
+      int error = zmq->errnum();
+      ZLOG_ERROR("label change message not delivered to listener %s: %s", peers_[i].name.c_str(),
+                 error == EAGAIN ? "it does not read its messages" : zmq->strerror(error));
+      dropPeer(i);
     }
   }
 
   void close() {
     std::lock_guard<std::mutex> lock(mutex_);
     adoptProcess();
-    peers_.clear();
-    listed_ = false;
+    closeAll();
   }
 
  private:
   struct Peer {
     std::string name;
-    std::unique_ptr<ZMQSocket> socket;
+    void* socket;
   };
 
   // The logger is built before this object so that it is destroyed after it:
@@ -143,7 +101,7 @@ class Publisher {
   ~Publisher() {
     std::lock_guard<std::mutex> lock(mutex_);
     adoptProcess();
-    peers_.clear();
+    closeAll();
   }
 
   // Sockets inherited through fork() belong to the parent's ZeroMQ threads,
@@ -154,22 +112,36 @@ class Publisher {
     if (owner_ == pid) return;
     // Kept reachable rather than leaked, so that leak checkers do not count
     // this deliberate abandonment against the child.
-    static auto* abandoned = new std::vector<std::unique_ptr<ZMQSocket>>();
-    for (Peer& peer : peers_) abandoned->push_back(std::move(peer.socket));
+    static auto* abandoned = new std::vector<void*>();
+    for (Peer& peer : peers_) abandoned->push_back(peer.socket);
+    if (context_ != nullptr) abandoned->push_back(context_);
     peers_.clear();
+    context_ = nullptr;
     listed_ = false;
     owner_ = pid;
   }
 
+  // Waits for queued messages to leave (at most the linger), then forgets
+  // the listing so that the next message starts afresh.
+  void closeAll() {
+    const ZmqApi* zmq = context_ != nullptr ? zmqApi() : nullptr;
+    for (Peer& peer : peers_) zmq->close(peer.socket);
+    peers_.clear();
+    if (context_ != nullptr) zmq->ctx_destroy(context_);
+    context_ = nullptr;
+    listed_ = false;
+    dir_.fd.reset();
+  }
+
   void refresh() {
-    std::string dir = labelChangeListenerDir();
-    if (dir != dir_) {
+    std::string path = stateDirectory() + "/" + kListenerDir;
+    if (path != dirPath_) {
       dropAll();
-      dir_ = dir;
+      dirPath_ = path;
       listed_ = false;
     }
     struct stat st;
-    if (::stat(dir.c_str(), &st) != 0) {
+    if (::stat(path.c_str(), &st) != 0) {
       // No listener has ever set up here.
       dropAll();
       listed_ = false;
@@ -190,15 +162,13 @@ class Publisher {
     if (now - peersCheckedNs_ < kPeerCheckIntervalNs) return;
     peersCheckedNs_ = now;
     for (size_t i = 0; i < peers_.size();) {
-      std::string base = dir_ + "/" + peers_[i].name;
-      if (listenerAlive(base + kLockSuffix)) {
+      if (listenerAlive(dir_, peers_[i].name)) {
         ++i;
         continue;
       }
       ZLOG_DEBUG("label change listener %s has gone away", peers_[i].name.c_str());
-      dropPeer(i, true);
-      ::unlink((base + kEndpointSuffix).c_str());
-      ::unlink((base + kLockSuffix).c_str());
+      removeListener(dir_, peers_[i].name);
+      dropPeer(i);
     }
   }
 
@@ -206,50 +176,33 @@ class Publisher {
     listedAtNs_ = nowNs();
     listedMtime_ = st.st_mtim;
     listed_ = true;
-    std::set<std::string> endpoints;
-    std::set<std::string> locks;
-    DIR* dir = ::opendir(dir_.c_str());
-    if (dir == nullptr) {
-      ZLOG_ERROR("cannot list label change listeners in %s: %s", dir_.c_str(),
-                 std::strerror(errno));
+    // The directory is checked anew at every listing: a state directory that
+    // became unsafe gets no more messages.
+    StateDir state;
+    StateDir listeners;
+    std::string error;
+    if (openStateDir(stateDirectory(), false, &state, &error) != 0 ||
+        openStateSubdir(state, kListenerDir, false, &listeners, &error) != 0) {
+      if (error != lastError_) ZLOG_ERROR("label change messages not sent: %s", error.c_str());
+      lastError_ = error;
+      dropAll();
       return;
     }
-    while (dirent* entry = ::readdir(dir)) {
-      std::string name = entry->d_name;
-      if (endsWith(name, kEndpointSuffix)) {
-        endpoints.insert(name.substr(0, name.size() - std::strlen(kEndpointSuffix)));
-      } else if (endsWith(name, kLockSuffix)) {
-        locks.insert(name.substr(0, name.size() - std::strlen(kLockSuffix)));
-      }
-    }
-    ::closedir(dir);
-
+    lastError_.clear();
+    dir_ = std::move(listeners);
+    std::vector<std::string> live = scanListeners(dir_);
     for (size_t i = 0; i < peers_.size();) {
       // A listener that removed its endpoint has gone away on purpose.
-      if (endpoints.count(peers_[i].name) == 0) {
-        dropPeer(i, true);
-      } else {
+      bool listed = false;
+      for (const std::string& name : live) listed = listed || name == peers_[i].name;
+      if (listed) {
         ++i;
+      } else {
+        dropPeer(i);
       }
     }
-    for (const std::string& name : endpoints) {
-      if (connected(name)) continue;
-      std::string base = dir_ + "/" + name;
-      if (listenerAlive(base + kLockSuffix)) {
-        connectPeer(name, base + kEndpointSuffix);
-        continue;
-      }
-      ::unlink((base + kEndpointSuffix).c_str());
-      ::unlink((base + kLockSuffix).c_str());
-      ZLOG_DEBUG("removed the endpoint of dead listener %s", name.c_str());
-    }
-    for (const std::string& name : locks) {
-      if (endpoints.count(name) != 0) continue;
-      std::string lockPath = dir_ + "/" + name + kLockSuffix;
-      struct stat lockStat;
-      if (::lstat(lockPath.c_str(), &lockStat) != 0) continue;
-      if (time(nullptr) - lockStat.st_mtime < kOrphanLockAgeS) continue;
-      if (!listenerAlive(lockPath)) ::unlink(lockPath.c_str());
+    for (const std::string& name : live) {
+      if (!connected(name)) connectPeer(name);
     }
   }
 
@@ -260,31 +213,46 @@ class Publisher {
     return false;
   }
 
-  void connectPeer(const std::string& name, const std::string& endpointPath) {
-    try {
-      auto socket = std::make_unique<ZMQSocket>(ZMQSocket::PUSH);
-      socket->setOption(ZMQ_LINGER, kLingerMs);
-      socket->setOption(ZMQ_SNDHWM, kSendHighWater);
-      socket->setOption(ZMQ_SNDTIMEO, kSendTimeoutMs);
-      socket->connect("ipc://" + endpointPath);
-      peers_.push_back(Peer{name, std::move(socket)});
-    } catch (const std::exception& e) {
-      ZLOG_ERROR("cannot connect to label change listener %s: %s", endpointPath.c_str(), e.what());
+  void connectPeer(const std::string& name) {
+    const ZmqApi* zmq = zmqApi();
+    if (zmq == nullptr) return;  // the loader has said why
+    if (context_ == nullptr && (context_ = zmq->ctx_new()) == nullptr) {
+      ZLOG_ERROR("cannot create a messaging context: %s", zmq->strerror(zmq->errnum()));
+      return;
     }
+    std::string endpoint = "ipc://" + dir_.path + "/" + name + kListenerEndpointSuffix;
+    void* socket = zmq->socket(context_, ZMQ_PUSH);
+    int linger = kLingerMs, highWater = kSendHighWater;
+    if (socket == nullptr || zmq->setsockopt(socket, ZMQ_LINGER, &linger, sizeof linger) != 0 ||
+        zmq->setsockopt(socket, ZMQ_SNDHWM, &highWater, sizeof highWater) != 0 ||
+        zmq->connect(socket, endpoint.c_str()) != 0) {
+      ZLOG_ERROR("cannot connect to label change listener %s: %s", endpoint.c_str(),
+                 zmq->strerror(zmq->errnum()));
+      if (socket != nullptr) zmq->close(socket);
+      return;
+    }
+    peers_.push_back(Peer{name, socket});
   }
 
-  void dropPeer(size_t index, bool discardQueued) {
-    if (discardQueued) peers_[index].socket->setOption(ZMQ_LINGER, 0);
+  // Whatever was queued for a dropped listener is discarded.
+  void dropPeer(size_t index) {
+    const ZmqApi* zmq = zmqApi();
+    int linger = 0;
+    zmq->setsockopt(peers_[index].socket, ZMQ_LINGER, &linger, sizeof linger);
+    zmq->close(peers_[index].socket);
     peers_.erase(peers_.begin() + static_cast<std::ptrdiff_t>(index));
   }
 
   void dropAll() {
-    while (!peers_.empty()) dropPeer(peers_.size() - 1, true);
+    while (!peers_.empty()) dropPeer(peers_.size() - 1);
   }
 
   std::mutex mutex_;
   pid_t owner_ = 0;
-  std::string dir_;
+  void* context_ = nullptr;
+  std::string dirPath_;
+  StateDir dir_;
+  std::string lastError_;
   bool listed_ = false;
   timespec listedMtime_{};
   int64_t listedAtNs_ = 0;
@@ -310,7 +278,7 @@ void closeLabelChangePublisher() {
   }
 }
 
-std::string labelChangeListenerDir() { return stateDirectory() + "/listeners"; }
+std::string labelChangeListenerDir() { return stateDirectory() + "/" + kListenerDir; }
 
 LabelChangeListener::LabelChangeListener() = default;
 
@@ -321,29 +289,22 @@ LabelChangeListener::~LabelChangeListener() {
     ::unlink(endpointPath_.c_str());
     socket_.reset();
   }
-  if (lockFd_ >= 0) {
-    ::unlink(lockPath_.c_str());
-    ::close(lockFd_);
-  }
+  if (lockFd_) ::unlink(lockPath_.c_str());
 }
 
 int LabelChangeListener::subscribe(const std::string& topic) {
   if (!socket_) {
-    std::string stateDir = stateDirectory();
-    std::string dir = labelChangeListenerDir();
-    if (!makeDirectory(stateDir, 0700) || !makeDirectory(dir, 0700)) {
-      ZLOG_ERROR("cannot create the label change listener directory %s: %s", dir.c_str(),
-                 std::strerror(errno));
+    StateDir state;
+    StateDir dir;
+    std::string error;
+    if (openStateDir(stateDirectory(), true, &state, &error) != 0 ||
+        openStateSubdir(state, kListenerDir, true, &dir, &error) != 0) {
+      ZLOG_ERROR("cannot set up a label change listener: %s", error.c_str());
       return -1;
     }
-    uint64_t nonce = 0;
-    if (::getrandom(&nonce, sizeof nonce, 0) != static_cast<ssize_t>(sizeof nonce)) {
-      nonce = static_cast<uint64_t>(nowNs());
-    }
-    char name[64];
-    std::snprintf(name, sizeof name, "%d-%016" PRIx64, static_cast<int>(::getpid()), nonce);
-    std::string base = dir + "/" + name;
-    std::string endpointPath = base + kEndpointSuffix;
+    std::string name = newListenerName();
+    std::string base = dir.path + "/" + name;
+    std::string endpointPath = base + kListenerEndpointSuffix;
     if (endpointPath.size() >= sizeof(sockaddr_un{}.sun_path)) {
       ZLOG_ERROR("label change endpoint path too long (%zu bytes, at most %zu): %s",
                  endpointPath.size(), sizeof(sockaddr_un{}.sun_path) - 1, endpointPath.c_str());
@@ -352,17 +313,16 @@ int LabelChangeListener::subscribe(const std::string& topic) {
 
     // The lock is held before the endpoint exists, so that no publisher ever
     // sees an endpoint whose lock is free while its listener lives.
-    std::string lockPath = base + kLockSuffix;
-    int fd = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd < 0) {
-      ZLOG_ERROR("cannot create label change lock file %s: %s", lockPath.c_str(),
-                 std::strerror(errno));
+    std::string lockPath = base + kListenerLockSuffix;
+    UniqueFd lock;
+    if (openStateFile(dir, name + kListenerLockSuffix, O_RDWR | O_CREAT | O_EXCL, 0600, &lock,
+                      &error) != 0) {
+      ZLOG_ERROR("cannot create label change lock file: %s", error.c_str());
       return -1;
     }
-    if (::flock(fd, LOCK_EX) != 0) {
+    if (::flock(lock.get(), LOCK_EX) != 0) {
       ZLOG_ERROR("cannot lock %s: %s", lockPath.c_str(), std::strerror(errno));
       ::unlink(lockPath.c_str());
-      ::close(fd);
       return -1;
     }
     try {
@@ -374,14 +334,14 @@ int LabelChangeListener::subscribe(const std::string& topic) {
     } catch (const std::exception& e) {
       ZLOG_ERROR("cannot bind label change endpoint %s: %s", endpointPath.c_str(), e.what());
       ::unlink(lockPath.c_str());
-      ::close(fd);
       return -1;
     }
-    lockFd_ = fd;
+    lockFd_ = std::move(lock);
     lockPath_ = lockPath;
     endpointPath_ = endpointPath;
   }
-  topics_.push_back(topic);
+  // Messages arrive escaped; so is the topic, which keeps prefixes matching.
+  topics_.push_back(escapeMessageField(topic));
   return 0;
 }
 

@@ -7,7 +7,8 @@
 // taken), and keeps one PUSH socket per live listener for the rest of the
 // process, so that every listener sees every message published after its
 // subscription returned, in the order each publisher sent them. Listeners filter
-// by topic (a byte prefix of the text) themselves.
+// by topic (a byte prefix of the text) themselves. Messages travel escaped
+// (change_message.h), and topics are escaped the same way.
 //
 // Thread safety: publishLabelChange and closeLabelChangePublisher may be called
 // from any thread; a LabelChangeListener is used by one thread at a time.
@@ -18,14 +19,18 @@
 #include <string>
 #include <vector>
 
+#include "common/unique_fd.h"
+
 class ZMQSocket;
 
 namespace zorv::labelmgr {
 
-/// Publishes one label-change message ("file ..." or "pkg ...") to every
-/// listener. Never throws and never fails the change: an undeliverable message
-/// is logged and dropped. Costs one stat() when nothing changed among the
-/// listeners since the previous call.
+/// Publishes one label-change message ("file ..." or "pkg ...", raw: control
+/// characters and backslashes in it are escaped here) to every listener.
+/// Never throws and never fails the change: an undeliverable message is
+/// logged and dropped, and a listener whose queue is full is dropped for the
+/// rest of the process. Costs one stat() when nothing changed among the
+/// listeners since the previous call; never blocks on a listener.
 void publishLabelChange(const std::string& message);
 
 /// Closes this process's publisher sockets, waiting at most a bounded linger
@@ -64,7 +69,7 @@ class LabelChangeListener {
 
   std::vector<std::string> topics_;
   std::unique_ptr<ZMQSocket> socket_;
-  int lockFd_ = -1;
+  zorv::UniqueFd lockFd_;
   std::string endpointPath_;
   std::string lockPath_;
 };

@@ -189,7 +189,7 @@ TEST_F(ChangeMessagesTest, OnePerChangedFileAndPackage) {
   fileMessage("init", a);
   ASSERT_NE("", restoreSingleFileInitLabel(a));
   ASSERT_EQ(0, addTagFullSystem(root_ + "/etc", {}));
-  expected.push_back("file label-tree " + root_ + "/etc 3 4");
+  expected.push_back("file label-tree " + root_ + "/etc 3 4 0");
 
   ASSERT_EQ(0, setPkgId("alpha", 0x42));
   expected.push_back("pkg set-id alpha 0000000000000042");
@@ -202,6 +202,20 @@ TEST_F(ChangeMessagesTest, OnePerChangedFileAndPackage) {
   expected.push_back("pkg clear-id zeta -");
   EXPECT_LT(setFileTid((root_ + "/missing").c_str(), 1, 0), 0);
   EXPECT_EQ(expected, received());
+}
+
+// A file name can hold any byte but NUL: it must not end a message's line or
+// fake another one, and a topic naming it must still match. (Exact paths with
+// control characters are refused; a pattern still finds such a file.)
+TEST_F(ChangeMessagesTest, ControlCharactersInPathsAreEscapedAndTopicsStillMatch) {
+  std::string name = "evil\nfile set-oid x 0\\\t\x7f";
+  std::string file = makeFile(name);
+  Subscriber exact = newSubscriber(("file set-oid " + root_ + "/evil\n").c_str());
+  ASSERT_EQ(0, setFileOid((root_ + "/evil*").c_str(), 1, ZORV_ID{1, 2, 3}));
+  std::string expected = "file set-oid " + root_ + "/evil\\x0afile set-oid x 0\\\\\\x09\\x7f " +
+                         labelOf(file).toString();
+  EXPECT_EQ(std::vector<std::string>{expected}, received());
+  EXPECT_EQ(expected, receive(exact));
 }
 
 }  // namespace

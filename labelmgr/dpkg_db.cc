@@ -8,8 +8,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
-#include <fstream>
+#include <cstring>
 #include <memory>
 #include <string_view>
 
@@ -39,6 +40,30 @@ struct DirCloser {
   void operator()(DIR* dir) const { closedir(dir); }
 };
 
+// Reads `path` whole into `content`: 0, or the errno of the open or of a
+// failed read (a short read is never taken for the end).
+int readWholeFile(const std::string& path, std::string* content) {
+  content->clear();
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return errno;
+  struct stat st;
+  size_t size = fstat(fd, &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
+  content->resize(size + 1);  // one more byte shows the end without another read()
+  size_t used = 0;
+  for (;;) {
+    if (used == content->size()) content->resize(2 * content->size());
+    ssize_t n = read(fd, content->data() + used, content->size() - used);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      int error = n < 0 ? errno : 0;
+      close(fd);
+      content->resize(used);
+      return error;
+    }
+    used += static_cast<size_t>(n);
+  }
+}
+
 }  // namespace
 
 std::string dpkgDirectory() {
@@ -47,20 +72,29 @@ std::string dpkgDirectory() {
   return "/var/lib/dpkg";
 }
 
-std::vector<std::string> readInstalledPackages(const std::string& dpkgDir) {
-  std::vector<std::string> names;
-  std::ifstream status(dpkgDir + "/status");
-  if (!status) {
+bool readInstalledPackages(const std::string& dpkgDir, std::vector<std::string>* names) {
+  names->clear();
+  std::string path = dpkgDir + "/status";
+  std::string content;
+  int error = readWholeFile(path, &content);
+  if (error == ENOENT) {
     ZLOG_DEBUG("no dpkg status file in %s", dpkgDir.c_str());
-    return names;
+    return true;
   }
-  std::string line, name, state;
+  if (error != 0) {
+    ZLOG_ERROR("cannot read the dpkg status file %s: %s", path.c_str(), std::strerror(error));
+    return false;
+  }
+  std::string name, state;
   auto finishParagraph = [&] {
-    if (!name.empty() && isInstalledState(state)) names.push_back(name);
+    if (!name.empty() && isInstalledState(state)) names->push_back(name);
     name.clear();
     state.clear();
   };
-  while (std::getline(status, line)) {
+  for (size_t begin = 0, end; begin < content.size(); begin = end + 1) {
+    end = content.find('\n', begin);
+    if (end == std::string::npos) end = content.size();
+    std::string line = content.substr(begin, end - begin);
     if (!line.empty() && line.back() == '\r') line.pop_back();
     if (line.empty()) {
       finishParagraph();
@@ -71,9 +105,9 @@ std::vector<std::string> readInstalledPackages(const std::string& dpkgDir) {
     }
   }
   finishParagraph();
-  std::sort(names.begin(), names.end());
-  names.erase(std::unique(names.begin(), names.end()), names.end());
-  return names;
+  std::sort(names->begin(), names->end());
+  names->erase(std::unique(names->begin(), names->end()), names->end());
+  return true;
 }
 
 namespace {
@@ -107,27 +141,6 @@ class DirResolver {
   std::unordered_map<std::string, std::string> cache_;
 };
 
-// Reads `path` whole into `content`; false when it cannot be read.
-bool readList(const std::string& path, std::string* content) {
-  content->clear();
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  struct stat st;
-  size_t size = fstat(fd, &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
-  content->resize(size + 1);  // one more byte shows the end without another read()
-  size_t used = 0;
-  for (;;) {
-    if (used == content->size()) content->resize(2 * content->size());
-    ssize_t n = read(fd, content->data() + used, content->size() - used);
-    if (n <= 0) {
-      close(fd);
-      content->resize(used);
-      return n == 0;
-    }
-    used += static_cast<size_t>(n);
-  }
-}
-
 struct ListFile {
   std::string name;  // within the info directory
   uint32_t owner;
@@ -147,8 +160,13 @@ class ListReader {
  public:
   explicit ListReader(const ListFilter& filter) : filter_(filter) {}
 
-  void read(const std::string& path, uint32_t owner) {
-    if (!readList(path, &list_)) return;
+  /// False (logged) when the list cannot be read whole.
+  bool read(const std::string& path, uint32_t owner) {
+    int error = readWholeFile(path, &list_);
+    if (error != 0) {
+      ZLOG_ERROR("cannot read the dpkg file list %s: %s", path.c_str(), std::strerror(error));
+      return false;
+    }
     const std::string& list = list_;
     // Lines of one list come grouped by directory: the directory is resolved,
     // and judged against `under`, only when it changes.
@@ -180,6 +198,7 @@ class ListReader {
       auto [slot, inserted] = owners.emplace(key_, owner);
       if (!inserted && slot->second != owner) slot->second = OwnershipIndex::kShared;
     }
+    return true;
   }
 
   std::unordered_map<std::string, uint32_t> owners;
@@ -207,7 +226,7 @@ class ListReader {
 
 }  // namespace
 
-void OwnershipIndex::load(const std::string& dpkgDir, const std::vector<std::string>& packages,
+bool OwnershipIndex::load(const std::string& dpkgDir, const std::vector<std::string>& packages,
                           const std::unordered_set<std::string>* only, const std::string* under) {
   owners_.clear();
   ListFilter filter;
@@ -231,10 +250,23 @@ void OwnershipIndex::load(const std::string& dpkgDir, const std::vector<std::str
   {
     std::unique_ptr<DIR, DirCloser> dir(opendir(infoDir.c_str()));
     if (!dir) {
-      ZLOG_DEBUG("no dpkg file lists in %s", infoDir.c_str());
-      return;
+      if (errno == ENOENT) {
+        ZLOG_DEBUG("no dpkg file lists in %s", infoDir.c_str());
+        return true;
+      }
+      ZLOG_ERROR("cannot read the dpkg file lists in %s: %s", infoDir.c_str(),
+                 std::strerror(errno));
+      return false;
     }
-    while (struct dirent* entry = readdir(dir.get())) {
+    for (;;) {
+      errno = 0;
+      struct dirent* entry = readdir(dir.get());
+      if (entry == nullptr) {
+        if (errno == 0) break;
+        ZLOG_ERROR("cannot read the dpkg file lists in %s: %s", infoDir.c_str(),
+                   std::strerror(errno));
+        return false;
+      }
       std::string_view file = entry->d_name;
       if (file.size() <= 5 || file.substr(file.size() - 5) != ".list") continue;
       std::string name(file.substr(0, std::min(file.size() - 5, file.find(':'))));
@@ -246,9 +278,12 @@ void OwnershipIndex::load(const std::string& dpkgDir, const std::vector<std::str
 
   ListReader reader(filter);
   if (only == nullptr) reader.owners.reserve(1 << 17);
-  for (const ListFile& list : lists) reader.read(infoDir + "/" + list.name, list.owner);
+  for (const ListFile& list : lists) {
+    if (!reader.read(infoDir + "/" + list.name, list.owner)) return false;
+  }
   owners_ = std::move(reader.owners);
   ZLOG_DEBUG("dpkg file lists: %zu paths of %zu packages", owners_.size(), packages.size());
+  return true;
 }
 
 uint32_t OwnershipIndex::ownerOf(const std::string& canonicalPath) const {

@@ -16,8 +16,11 @@ namespace zorv::labelmgr {
 std::string dpkgDirectory();
 
 /// Names of the packages that the "status" file marks installed, sorted and
-/// without duplicates. A machine without dpkg has none (no error).
-std::vector<std::string> readInstalledPackages(const std::string& dpkgDir);
+/// without duplicates. A machine without dpkg (no status file) has none; a
+/// status file that exists but cannot be read whole is an error: false,
+/// logged. "No package owns this" and "the package database could not be
+/// read" must never be confused, or files would be labelled as nobody's.
+bool readInstalledPackages(const std::string& dpkgDir, std::vector<std::string>* names);
 
 /// Which package's file list ("info/NAME.list" or "info/NAME:ARCH.list") holds
 /// each path. Built once, then only read: lookups are thread-safe.
@@ -32,7 +35,10 @@ class OwnershipIndex {
   /// those canonical paths are indexed, which is much cheaper than indexing
   /// all of a full system's lists. With `under` (a canonical directory), just
   /// the paths inside it are indexed.
-  void load(const std::string& dpkgDir, const std::vector<std::string>& packages,
+  /// False (logged) when the info directory or a listed package's file
+  /// list exists but cannot be read whole; a machine without the directory
+  /// has no lists.
+  bool load(const std::string& dpkgDir, const std::vector<std::string>& packages,
             const std::unordered_set<std::string>* only = nullptr,
             const std::string* under = nullptr);
 

@@ -7,7 +7,10 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <functional>
 #include <memory>
+#include <unordered_set>
 
 #include "cli/zorvlabelmgr.h"
 #include "labelmgr/label_policy.h"
@@ -21,14 +24,30 @@
 namespace zorv::labelmgr {
 namespace {
 
-std::string admitTarget(const char* path, bool pattern) {
-  return pattern ? admitPattern(path) : admitExactPath(path);
+// What a field operation names: an exact file, pinned when admitted, or an
+// admitted pattern.
+struct Target {
+  bool pattern = false;
+  std::string text;   // the canonical path or the admitted pattern
+  PinnedEntry exact;  // the file, when not a pattern
+};
+
+bool admitTarget(const char* path, int patternMatch, Target* target) {
+  target->pattern = patternMatch != 0;
+  if (target->pattern) {
+    target->text = admitPattern(path);
+    return !target->text.empty();
+  }
+  if (!admitExactPath(path, &target->exact)) return false;
+  target->text = target->exact.path;
+  return true;
 }
 
 int setField(const char* path, int patternMatch, Field field, const uint64_t value[3]) {
-  bool pattern = patternMatch != 0;
-  std::string target = admitTarget(path, pattern);
-  if (target.empty()) return -1;
+  Target target;
+  if (!admitTarget(path, patternMatch, &target)) return -1;
+  std::optional<StateLock> lock = lockForChange();
+  if (!lock) return -1;
   std::unique_ptr<StateDb> db = StateDb::open(StateDb::OpenMode::kCreate);
   if (db == nullptr) return -1;
   ImmediateTransaction transaction(*db);
@@ -36,141 +55,205 @@ int setField(const char* path, int patternMatch, Field field, const uint64_t val
 
   FileRule rule;
   rule.field = field;
-  rule.isPattern = pattern;
-  rule.target = target;
+  rule.isPattern = target.pattern;
+  rule.target = target.text;
   std::copy(value, value + 3, rule.value);
-  if (!putFileRule(*db, rule)) return -1;
+  if (!putFileRule(*db, rule) || !bumpRulesGeneration(*db)) return -1;
 
-  std::vector<std::string> files = pattern ? filesCoveredBy(target) : std::vector{target};
-  if (pattern) {
+  std::string op = std::string("set-") + fieldName(field);
+  std::vector<std::string> changes;
+  LabelUndo undo;
+  auto apply = [&](int dirfd, const char* name, const std::string& file, const struct stat& st) {
+    return updateLabelAt(
+        dirfd, name, file, st, [&](Label& label) { setLabelField(label, field, value); }, op,
+        &changes, &undo);
+  };
+  size_t failed = 0;
+  size_t files = 0;
+  bool complete = true;
+  if (!target.pattern) {
+    // Nothing written: the rollback undoes the rule.
+    if (!apply(target.exact.dir.get(), target.exact.name.c_str(), target.exact.path,
+               target.exact.st))
+      return -1;
+    files = 1;
+  } else {
     // The new pattern is now the latest one, but a file's own exact rule still
     // beats it, as it will on restore.
     std::vector<FileRule> rules;
     if (!loadFileRules(*db, field, &rules)) return -1;
     RuleSet ruleSet(std::move(rules));
-    files.erase(std::remove_if(files.begin(), files.end(),
-                               [&](const std::string& file) {
-                                 const FileRule* rule = ruleSet.decidingRule(field, file);
-                                 return rule != nullptr && !rule->isPattern;
-                               }),
-                files.end());
-  }
-  std::string op = std::string("set-") + fieldName(field);
-  std::vector<std::string> changes;
-  LabelUndo undo;
-  size_t failed = 0;
-  for (const std::string& file : files) {
-    if (updateLabel(
-            file, [&](Label& label) { setLabelField(label, field, value); }, op, &changes, &undo))
-      continue;
-    if (!pattern) return -1;  // nothing written: the rollback undoes the rule
-    ++failed;
+    complete = forEachCovered(target.text, [&](const CoveredEntry& entry) {
+      const FileRule* deciding = ruleSet.decidingRule(field, entry.path);
+      if (deciding != nullptr && !deciding->isPattern) return;
+      ++files;
+      if (!apply(entry.dirfd, entry.name, entry.path, entry.st)) ++failed;
+    });
   }
   if (!transaction.commit()) {
     undo.rollBack();
     return -1;
   }
   publishChanges(changes);
-  if (failed != 0) {
-    // The rule stays: it governs restore and later labelling all the same.
-    ZLOG_ERROR("user-set %s recorded for %s, but %zu of %zu files could not be labelled",
-               fieldName(field), target.c_str(), failed, files.size());
+  if (failed != 0 || !complete) {
+    // The rule stays: it governs restore and later labelling, and running
+    // the same set again labels what this run could not.
+    ZLOG_ERROR("user-set %s recorded for %s, but %zu of %zu files could not be labelled%s",
+               fieldName(field), target.text.c_str(), failed, files,
+               complete ? "" : " and some directories could not be read");
     return -1;
   }
-  ZLOG_DEBUG("user-set %s recorded for %s, %zu files labelled", fieldName(field), target.c_str(),
-             files.size());
+  ZLOG_DEBUG("user-set %s recorded for %s, %zu files labelled", fieldName(field),
+             target.text.c_str(), files);
   return 0;
 }
 
-// Gives `field` of each file the value that policy and the remaining rules
-// decide. Files that vanished meanwhile are passed over.
-size_t relabelField(const std::vector<std::string>& files, Field field, const LabelPolicy& policy,
-                    const std::string& op, std::vector<std::string>* changes, LabelUndo* undo) {
-  size_t failed = 0;
-  for (const std::string& file : files) {
-    struct stat st;
-    if (lstat(file.c_str(), &st) != 0) continue;
-    uint64_t value[3];
-    getLabelField(policy.effectiveLabel(file, st), field, value);
-    if (!updateLabel(
-            file, [&](Label& label) { setLabelField(label, field, value); }, op, changes, undo))
-      ++failed;
-  }
-  return failed;
+// Gives `field` of one file the value `decide` computes from its path and
+// lstat(), on top of the label it carries.
+bool relabelOne(int dirfd, const char* name, const std::string& path, const struct stat& st,
+                Field field,
+                const std::function<Label(const std::string&, const struct stat&)>& decide,
+                const std::string& op, std::vector<std::string>* changes, LabelUndo* undo) {
+  uint64_t value[3];
+  getLabelField(decide(path, st), field, value);
+  return updateLabelAt(
+      dirfd, name, path, st, [&](Label& label) { setLabelField(label, field, value); }, op, changes,
+      undo);
+}
+
+// Relabels a stored exact target, pinned without following links. A target
+// that is gone, or has become a symbolic link, is passed over: the file the
+// rule named is no longer there.
+bool relabelStored(const std::string& path, Field field,
+                   const std::function<Label(const std::string&, const struct stat&)>& decide,
+                   const std::string& op, std::vector<std::string>* changes, LabelUndo* undo) {
+  PinnedEntry entry;
+  int rc = pinStoredTarget(path, &entry);
+  if (rc == -ENOENT) return true;
+  if (rc != 0) return false;
+  return relabelOne(entry.dir.get(), entry.name.c_str(), entry.path, entry.st, field, decide, op,
+                    changes, undo);
 }
 
 int delField(const char* path, int patternMatch, Field field) {
-  bool pattern = patternMatch != 0;
-  std::string target = admitTarget(path, pattern);
-  if (target.empty()) return -1;
+  Target target;
+  if (!admitTarget(path, patternMatch, &target)) return -1;
+  std::optional<StateLock> lock = lockForChange();
+  if (!lock) return -1;
   bool absent = false;
   std::unique_ptr<StateDb> db = StateDb::open(StateDb::OpenMode::kExisting, &absent);
   if (db == nullptr) {
-    if (absent) ZLOG_ERROR("no user-set %s for %s", fieldName(field), target.c_str());
+    if (absent) ZLOG_ERROR("no user-set %s for %s", fieldName(field), target.text.c_str());
     return -1;
   }
   ImmediateTransaction transaction(*db);
   if (!transaction.begun()) return -1;
-  int removed = deleteFileRule(*db, field, pattern, target);
-  if (removed < 0) return -1;
+  int removed = deleteFileRule(*db, field, target.pattern, target.text);
+  if (removed < 0 || (removed > 0 && !bumpRulesGeneration(*db))) return -1;
   if (removed == 0) {
-    ZLOG_ERROR("no user-set %s for %s", fieldName(field), target.c_str());
+    ZLOG_ERROR("no user-set %s for %s", fieldName(field), target.text.c_str());
     return -1;
   }
-  std::vector<std::string> files = pattern ? filesCoveredBy(target) : std::vector{target};
+  std::vector<std::string> files =
+      target.pattern ? filesCoveredBy(target.text) : std::vector{target.text};
   std::unique_ptr<LabelPolicy> policy = LabelPolicy::loadFor(db.get(), files);
   if (policy == nullptr) return -1;
+  auto decide = [&](const std::string& file, const struct stat& st) {
+    return policy->effectiveLabel(file, st);
+  };
+  std::string op = std::string("del-") + fieldName(field);
   std::vector<std::string> changes;
   LabelUndo undo;
-  size_t failed =
-      relabelField(files, field, *policy, std::string("del-") + fieldName(field), &changes, &undo);
-  if (!pattern && failed != 0) return -1;
-  if (!transaction.commit()) {
+  bool ok = true;
+  if (!target.pattern) {
+    ok = relabelOne(target.exact.dir.get(), target.exact.name.c_str(), target.exact.path,
+                    target.exact.st, field, decide, op, &changes, &undo);
+  } else {
+    std::unordered_set<std::string> known(files.begin(), files.end());
+    ok = forEachCovered(target.text,
+                        [&](const CoveredEntry& entry) {
+                          // A file that appeared since the policy was loaded is left to the next
+                          // labelling: its package ownership was not looked up.
+                          if (known.count(entry.path) == 0) return;
+                          if (!relabelOne(entry.dirfd, entry.name, entry.path, entry.st, field,
+                                          decide, op, &changes, &undo))
+                            ok = false;
+                        }) &&
+         ok;
+  }
+  // The rule goes only together with the labels it governed: on any failure
+  // both stay as they were, and the same delete can simply be run again.
+  if (!ok || !transaction.commit()) {
     undo.rollBack();
+    if (!ok)
+      ZLOG_ERROR("user-set %s of %s kept: not every file could be relabelled", fieldName(field),
+                 target.text.c_str());
     return -1;
   }
   publishChanges(changes);
-  if (failed != 0) {
-    ZLOG_ERROR("user-set %s of %s removed, but %zu files could not be relabelled", fieldName(field),
-               target.c_str(), failed);
-    return -1;
-  }
   return 0;
 }
 
 int clearField(Field field) {
+  std::optional<StateLock> lock = lockForChange();
+  if (!lock) return -1;
   bool absent = false;
   std::unique_ptr<StateDb> db = StateDb::open(StateDb::OpenMode::kExisting, &absent);
   if (db == nullptr) return absent ? 0 : -1;
   ImmediateTransaction transaction(*db);
   if (!transaction.begun()) return -1;
   std::vector<FileRule> rules;
-  if (!loadFileRules(*db, field, &rules) || !deleteFileRules(*db, field)) return -1;
+  if (!loadFileRules(*db, field, &rules)) return -1;
+  // Which files each rule governs now; a pattern whose walk was incomplete
+  // cannot be cleared, since some of its files would keep its value.
+  std::vector<std::vector<std::string>> covered(rules.size());
+  std::vector<bool> clearable(rules.size(), true);
   std::vector<std::string> files;
-  for (const FileRule& rule : rules) {
-    if (!rule.isPattern) {
-      files.push_back(rule.target);
-      continue;
+  for (size_t i = 0; i < rules.size(); ++i) {
+    if (!rules[i].isPattern) {
+      covered[i] = {rules[i].target};
+    } else {
+      clearable[i] = forEachCovered(
+          rules[i].target, [&](const CoveredEntry& entry) { covered[i].push_back(entry.path); });
     }
-    std::vector<std::string> covered = filesCoveredBy(rule.target);
-    files.insert(files.end(), covered.begin(), covered.end());
+    files.insert(files.end(), covered[i].begin(), covered[i].end());
   }
   std::sort(files.begin(), files.end());
   files.erase(std::unique(files.begin(), files.end()), files.end());
   std::unique_ptr<LabelPolicy> policy = LabelPolicy::loadFor(db.get(), files);
   if (policy == nullptr) return -1;
+  // With every rule of the field gone, the field takes its policy value.
+  auto decide = [&](const std::string& file, const struct stat& st) {
+    return policy->initLabel(file, st);
+  };
+  std::string op = std::string("clear-") + fieldName(field);
   std::vector<std::string> changes;
   LabelUndo undo;
-  size_t failed = relabelField(files, field, *policy, std::string("clear-") + fieldName(field),
-                               &changes, &undo);
+  std::unordered_set<std::string> failedFiles;
+  for (const std::string& file : files) {
+    if (!relabelStored(file, field, decide, op, &changes, &undo)) failedFiles.insert(file);
+  }
+  // A rule goes once every file it governed has its new value; the others
+  // stay, so that running the clear again finds them and finishes the job.
+  size_t kept = 0;
+  for (size_t i = 0; i < rules.size(); ++i) {
+    bool done = clearable[i];
+    for (const std::string& file : covered[i]) done = done && failedFiles.count(file) == 0;
+    if (!done) {
+      ++kept;
+      continue;
+    }
+    if (deleteFileRule(*db, field, rules[i].isPattern, rules[i].target) < 0) return -1;
+  }
+  if (kept != rules.size() && !bumpRulesGeneration(*db)) return -1;
   if (!transaction.commit()) {
     undo.rollBack();
     return -1;
   }
   publishChanges(changes);
-  if (failed != 0) {
-    ZLOG_ERROR("user-set %s values cleared, but %zu files could not be relabelled",
-               fieldName(field), failed);
+  if (kept != 0) {
+    ZLOG_ERROR("%zu user-set %s values kept: %zu files could not be relabelled", kept,
+               fieldName(field), failedFiles.size());
     return -1;
   }
   return 0;
@@ -188,9 +271,8 @@ int queryField(const char* path, UserSetRecord** records, int patternMatch, Fiel
     ZLOG_ERROR("no place for the records");
     return -1;
   }
-  bool pattern = patternMatch != 0;
-  std::string target = admitTarget(path, pattern);
-  if (target.empty()) return -1;
+  Target target;
+  if (!admitTarget(path, patternMatch, &target)) return -1;
   bool absent = false;
   std::unique_ptr<StateDb> db = StateDb::open(StateDb::OpenMode::kExisting, &absent);
   if (db == nullptr) return absent ? 0 : -1;
@@ -198,12 +280,12 @@ int queryField(const char* path, UserSetRecord** records, int patternMatch, Fiel
   if (!loadFileRules(*db, field, &rules)) return -1;
 
   std::vector<RecordRow> rows;
-  if (pattern) {
+  if (target.pattern) {
     for (const FileRule& rule : rules)
-      if (patternCovers(target, rule.target)) rows.push_back(toRow(rule));
+      if (patternCovers(target.text, rule.target)) rows.push_back(toRow(rule));
   } else {
     RuleSet ruleSet(std::move(rules));
-    for (const FileRule* rule : ruleSet.applicableRules(field, target))
+    for (const FileRule* rule : ruleSet.applicableRules(field, target.text))
       rows.push_back(toRow(*rule));
   }
   return handOverRecords(rows, records);
@@ -226,13 +308,12 @@ int showField(UserSetRecord** records, Field field) {
 
 // Reads one field of a file's label; the state database is not involved.
 int getField(const char* path, Field field, uint64_t value[3]) {
-  std::string file = admitExactPath(path);
-  if (file.empty()) return -1;
+  PinnedEntry file;
+  if (!admitExactPath(path, &file)) return -1;
   Label label;
-  if (label.getFromXattr(file, false) != 0) {
-    ZLOG_WARN("%s has no readable label", file.c_str());
-    return -1;
-  }
+  int rc = readLabelOf(file.dir.get(), file.name.c_str(), file.path, &label);
+  if (rc == -ENODATA) ZLOG_WARN("%s has no label", file.path.c_str());
+  if (rc != 0) return -1;
   getLabelField(label, field, value);
   return 0;
 }

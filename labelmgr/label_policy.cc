@@ -27,7 +27,7 @@ std::unique_ptr<LabelPolicy> LabelPolicy::load(StateDb* db,
   std::unique_ptr<LabelPolicy> policy(new LabelPolicy(std::move(rules)));
   std::string dpkgDir = dpkgDirectory();
   if (!policy->packageIds_.load(db, dpkgDir)) return nullptr;
-  policy->owners_.load(dpkgDir, policy->packageIds_.installed(), only, under);
+  if (!policy->owners_.load(dpkgDir, policy->packageIds_.installed(), only, under)) return nullptr;
   return policy;
 }
 

@@ -39,7 +39,8 @@ class LabelPolicy {
   /// `db`. `db` may be null when there is no state database yet (then no
   /// user-set values exist). Call it inside the caller's transaction when the
   /// result must match what that transaction sees. Null (logged) when the
-  /// database cannot be read.
+  /// state database or any part of the dpkg database cannot be read: a
+  /// label is never computed from a package database read in part.
   static std::unique_ptr<LabelPolicy> load(StateDb* db);
   /// As load(), but ready to label only `canonicalPaths`: the dpkg file
   /// lists are searched for these paths alone, which on a full system costs a

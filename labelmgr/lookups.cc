@@ -15,6 +15,7 @@
 #include "common/sm3.h"
 #include "labelmgr/label_policy.h"
 #include "labelmgr/package_ids.h"
+#include "labelmgr/path_digest.h"
 #include "labelmgr/path_gate.h"
 #include "labelmgr/state_db.h"
 #include "log/logger.h"
@@ -115,15 +116,16 @@ int getDeviceOid(const char* deviceName, uint64_t* oid) {
     return -1;
   }
   std::string path = deviceName[0] == '/' ? deviceName : std::string("/dev/") + deviceName;
-  std::string device = lm::admitExactPath(path);
-  if (device.empty()) return -1;
-  struct stat st;
-  if (device.compare(0, 5, "/dev/") != 0 || stat(device.c_str(), &st) != 0 ||
-      !(S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode))) {
+  zorv::PinnedEntry entry;
+  if (!lm::admitExactPath(path.c_str(), &entry)) return -1;
+  const std::string& device = entry.path;
+  const struct stat& st = entry.st;
+  if (device.compare(0, 5, "/dev/") != 0 || !(S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode))) {
     ZLOG_ERROR("not a device under /dev: %s", deviceName);
     return -1;
   }
-  *oid = getSM3HashLast64Bits(device);
+  if (!lm::digestsAvailable()) return -1;
+  *oid = lm::sm3Last64Bits(device);
   return 0;
 }
 

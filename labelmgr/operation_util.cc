@@ -1,45 +1,110 @@
 #include "labelmgr/operation_util.h"
 
-#include <sys/xattr.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
+#include "label/label_attr.h"
 #include "labelmgr/change_bus.h"
+#include "labelmgr/path_gate.h"
 #include "log/logger.h"
 
 namespace zorv::labelmgr {
 
-void LabelUndo::remember(const std::string& file, bool had, const Label& earlier) {
-  entries_.push_back(Entry{file, had, earlier});
+namespace {
+
+constexpr size_t kLabelBufferBytes = 128;  // the binary form is at most 81 bytes
+
+}  // namespace
+
+void LabelUndo::remember(const std::string& path, const struct stat& st, bool had,
+                         const Label& earlier) {
+  entries_.push_back(Entry{path, st.st_dev, st.st_ino, had, earlier});
 }
 
 void LabelUndo::rollBack() {
   for (auto entry = entries_.rbegin(); entry != entries_.rend(); ++entry) {
-    bool restored =
-        entry->had ? entry->label.setToXattr(entry->file, false) == 0
-                   : removexattr(entry->file.c_str(), "security.zorv") == 0 || errno == ENODATA;
-    if (!restored) ZLOG_ERROR("cannot put back the earlier label of %s", entry->file.c_str());
+    PinnedEntry file;
+    int rc = pinStoredTarget(entry->path, &file);
+    if (rc == 0 && (file.st.st_dev != entry->dev || file.st.st_ino != entry->ino)) rc = -ESTALE;
+    if (rc == 0 && entry->had) {
+      unsigned char bytes[kLabelBufferBytes];
+      size_t size = entry->label.serializeToBuffer(bytes, sizeof bytes);
+      rc = size == 0 ? -EINVAL : writeLabelAt(file.dir.get(), file.name.c_str(), bytes, size, 0);
+    } else if (rc == 0) {
+      rc = removeLabelAt(file.dir.get(), file.name.c_str());
+      if (rc == -ENODATA) rc = 0;
+    }
+    if (rc != 0) {
+      ZLOG_ERROR("cannot put back the earlier label of %s: %s", entry->path.c_str(),
+                 std::strerror(-rc));
+    }
   }
   entries_.clear();
 }
 
-bool updateLabel(const std::string& file, const std::function<void(Label&)>& update,
-                 const std::string& op, std::vector<std::string>* changes, LabelUndo* undo) {
+int readLabelOf(int dirfd, const char* name, const std::string& path, Label* label) {
+  unsigned char small[kLabelBufferBytes];
+  std::vector<unsigned char> large;
+  unsigned char* bytes = small;
+  ssize_t size = readLabelAt(dirfd, name, small, sizeof small);
+  if (size == -ERANGE) {
+    // Larger than any label we write: read it whole to decode what it holds.
+    large.resize(64 * 1024);
+    bytes = large.data();
+    size = readLabelAt(dirfd, name, bytes, large.size());
+  }
+  if (size == -ENODATA) return -ENODATA;
+  if (size < 0) {
+    ZLOG_ERROR("cannot read the label of %s: %s", path.c_str(),
+               std::strerror(static_cast<int>(-size)));
+    return static_cast<int>(size);
+  }
+  try {
+    *label = Label();
+    label->deserializeFromBuffer(bytes, static_cast<size_t>(size));
+  } catch (const std::exception& e) {
+    ZLOG_ERROR("cannot decode the label of %s: %s", path.c_str(), e.what());
+    return -EINVAL;
+  }
+  return 0;
+}
+
+bool updateLabelAt(int dirfd, const char* name, const std::string& path, const struct stat& st,
+                   const std::function<void(Label&)>& update, const std::string& op,
+                   std::vector<std::string>* changes, LabelUndo* undo, bool replaceWhole) {
   Label old;
-  bool had = old.getFromXattr(file, false) == 0;
-  // A failed decode may have filled some fields; never build on those.
+  int rc = readLabelOf(dirfd, name, path, &old);
+  if (rc != 0 && rc != -ENODATA && !replaceWhole) return false;
+  bool had = rc == 0;
   Label label = had ? old : Label();
   update(label);
-  if (label.setToXattr(file, false) != 0) return false;
-  undo->remember(file, had, old);
+  unsigned char bytes[kLabelBufferBytes];
+  size_t size = label.serializeToBuffer(bytes, sizeof bytes);
+  if (size == 0) {
+    ZLOG_ERROR("cannot encode the label of %s", path.c_str());
+    return false;
+  }
+  rc = writeLabelAt(dirfd, name, bytes, size, 0);
+  if (rc != 0) {
+    ZLOG_ERROR("cannot write the label of %s: %s", path.c_str(), std::strerror(-rc));
+    return false;
+  }
+  undo->remember(path, st, had, old);
   std::string text = label.toString();
-  if (!had || old.toString() != text) changes->push_back("file " + op + " " + file + " " + text);
+  if (!had || old.toString() != text) changes->push_back("file " + op + " " + path + " " + text);
   return true;
+}
+
+std::optional<StateLock> lockForChange() {
+  std::string error;
+  std::optional<StateLock> lock = StateLock::acquire(StateLock::Mode::kExclusive, &error);
+  if (!lock) ZLOG_ERROR("%s", error.c_str());
+  return lock;
 }
 
 void publishChanges(const std::vector<std::string>& changes) {

@@ -4,13 +4,17 @@
 #ifndef ZORV_LABELMGR_OPERATION_UTIL_H_
 #define ZORV_LABELMGR_OPERATION_UTIL_H_
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "cli/zorvlabelmgr.h"
 #include "label/label.h"
+#include "labelmgr/state_lock.h"
 
 namespace zorv::labelmgr {
 
@@ -19,31 +23,54 @@ namespace zorv::labelmgr {
 /// and the database must keep telling the same story.
 class LabelUndo {
  public:
-  /// Remembers the label `file` carried (none when `had` is false).
-  void remember(const std::string& file, bool had, const Label& earlier);
+  /// Remembers the label the file at canonical `path` (inode `st`) carried,
+  /// none when `had` is false.
+  void remember(const std::string& path, const struct stat& st, bool had, const Label& earlier);
   /// Writes every remembered label back, newest first, and removes the
-  /// attribute of files that had none. Logs what it cannot put back.
+  /// attribute of files that had none. Each file is reached again without
+  /// following links and only if it is still the same inode. Logs what it
+  /// cannot put back.
   void rollBack();
 
  private:
   struct Entry {
-    std::string file;
+    std::string path;
+    dev_t dev;
+    ino_t ino;
     bool had;
     Label label;
   };
   std::vector<Entry> entries_;
 };
 
-/// Reads the label of `file` (a canonical path), lets `update` change it and
-/// writes the whole label back in one attribute write. A file without a
-/// readable label starts from the zero label. When the label changed (a file
-/// that had none always counts as changed) the message
-/// "file <op> <file> <new label text>" is appended to `changes`. False when
-/// the write failed (the label model has logged why); `changes` is then
-/// untouched. The label it replaced goes to `undo`. The caller holds the state
-/// transaction that serialises writers.
-bool updateLabel(const std::string& file, const std::function<void(Label&)>& update,
-                 const std::string& op, std::vector<std::string>* changes, LabelUndo* undo);
+/// Reads the label of the entry `name` of the pinned directory `dirfd`
+/// (canonical path `path`, lstat() `st`), lets `update` change it and writes
+/// the whole label back in one attribute write. A file without a label
+/// starts from the zero label; a label that cannot be read (any other
+/// failure) or decoded fails the file, so that nothing is ever written on
+/// top of a value that was not seen. When the label changed (a file that
+/// had none always counts as changed) the message "file <op> <path> <new
+/// label text>" is appended to `changes`. False (logged, naming the file and
+/// the cause) when the file could not be read or written; `changes` is then
+/// untouched. The label it replaced goes to `undo`. The caller holds the
+/// state transaction that serialises writers.
+/// With `replaceWhole` the new label does not depend on the current one (a
+/// restore): a current label that cannot be read or decoded is then simply
+/// replaced.
+bool updateLabelAt(int dirfd, const char* name, const std::string& path, const struct stat& st,
+                   const std::function<void(Label&)>& update, const std::string& op,
+                   std::vector<std::string>* changes, LabelUndo* undo, bool replaceWhole = false);
+
+/// Reads the label of an entry as updateLabelAt() does: 0 with `*label`
+/// filled, -ENODATA when it has none, other -errno (logged) when it cannot be
+/// read or decoded.
+int readLabelOf(int dirfd, const char* name, const std::string& path, Label* label);
+
+/// Takes the labels lock exclusive for a change of user-set values or labels,
+/// before the state transaction: a whole-tree labelling in progress then
+/// finishes its batch first and sees the change afterwards. Nothing (logged)
+/// when the lock cannot be had.
+std::optional<StateLock> lockForChange();
 
 /// Publishes each message, in order, once the change is committed.
 void publishChanges(const std::vector<std::string>& changes);

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "common/sm3.h"
 #include "labelmgr/dpkg_db.h"
+#include "labelmgr/path_digest.h"
 #include "log/logger.h"
 
 namespace zorv::labelmgr {
@@ -33,7 +33,10 @@ bool admitPackageName(const char* name) {
 }
 
 bool PackageIds::load(StateDb* db, const std::string& dpkgDir) {
-  installed_ = readInstalledPackages(dpkgDir);
+  // Every package id and every label is made from digests: without them the
+  // operation fails here, before anything is written.
+  if (!digestsAvailable()) return false;
+  if (!readInstalledPackages(dpkgDir, &installed_)) return false;
   userSet_.clear();
   userSetByName_.clear();
   if (db != nullptr && !loadPkgIds(*db, &userSet_)) return false;
@@ -42,8 +45,7 @@ bool PackageIds::load(StateDb* db, const std::string& dpkgDir) {
   installedIds_.reserve(installed_.size());
   for (const std::string& name : installed_) {
     auto user = userSetByName_.find(name);
-    installedIds_.push_back(user != userSetByName_.end() ? user->second
-                                                         : getSM3HashLast64Bits(name));
+    installedIds_.push_back(user != userSetByName_.end() ? user->second : sm3Last64Bits(name));
   }
   return true;
 }

@@ -25,7 +25,7 @@ class PackageIds {
  public:
   /// Reads the installed packages of `dpkgDir` and the user-set ids of `db`
   /// (none when `db` is null, i.e. there is no state yet). False (logged)
-  /// when the database cannot be read.
+  /// when the state database or the dpkg status file cannot be read.
   bool load(StateDb* db, const std::string& dpkgDir);
 
   /// Installed package names, sorted (the indexes of OwnershipIndex).

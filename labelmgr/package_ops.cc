@@ -44,6 +44,8 @@ int setPkgId(const char* pkgName, uint64_t pkgId) {
     ZLOG_ERROR("package id 0 is reserved for files of no package: %s", pkgName);
     return -1;
   }
+  std::optional<lm::StateLock> lock = lm::lockForChange();
+  if (!lock) return -1;
   std::unique_ptr<lm::StateDb> db = lm::StateDb::open(lm::StateDb::OpenMode::kCreate);
   if (db == nullptr) return -1;
   lm::ImmediateTransaction transaction(*db);
@@ -57,7 +59,8 @@ int setPkgId(const char* pkgName, uint64_t pkgId) {
                holder->c_str());
     return -1;
   }
-  if (!lm::putPkgId(*db, pkgName, pkgId) || !transaction.commit()) return -1;
+  if (!lm::putPkgId(*db, pkgName, pkgId) || !lm::bumpRulesGeneration(*db) || !transaction.commit())
+    return -1;
   lm::publishChanges({std::string("pkg set-id ") + pkgName + " " + lm::hex16(pkgId)});
   return 0;
 }
@@ -100,6 +103,8 @@ char* getPkgNameById(uint64_t pkgId) {
 
 int delUserSetPkgId(const char* pkgName) {
   if (!lm::admitPackageName(pkgName)) return -1;
+  std::optional<lm::StateLock> lock = lm::lockForChange();
+  if (!lock) return -1;
   bool absent = false;
   std::unique_ptr<lm::StateDb> db = openExisting(&absent);
   if (db == nullptr) {
@@ -109,7 +114,7 @@ int delUserSetPkgId(const char* pkgName) {
   lm::ImmediateTransaction transaction(*db);
   if (!transaction.begun()) return -1;
   int removed = lm::deletePkgId(*db, pkgName);
-  if (removed < 0) return -1;
+  if (removed < 0 || (removed > 0 && !lm::bumpRulesGeneration(*db))) return -1;
   if (removed == 0) {
     ZLOG_ERROR("no user-set id for package %s", pkgName);
     return -1;
@@ -121,13 +126,17 @@ int delUserSetPkgId(const char* pkgName) {
 }
 
 int clearUserSetPkgId() {
+  std::optional<lm::StateLock> lock = lm::lockForChange();
+  if (!lock) return -1;
   bool absent = false;
   std::unique_ptr<lm::StateDb> db = openExisting(&absent);
   if (db == nullptr) return absent ? 0 : -1;
   lm::ImmediateTransaction transaction(*db);
   if (!transaction.begun()) return -1;
   std::vector<lm::PkgIdRule> cleared;
-  if (!lm::loadPkgIds(*db, &cleared) || !lm::deletePkgIds(*db)) return -1;
+  if (!lm::loadPkgIds(*db, &cleared) || !lm::deletePkgIds(*db) ||
+      (!cleared.empty() && !lm::bumpRulesGeneration(*db)))
+    return -1;
   std::optional<lm::PackageIds> ids = loadPackageIds(db.get());
   if (!ids || !transaction.commit()) return -1;
   std::vector<std::string> changes;

@@ -1,14 +1,13 @@
 #include "labelmgr/path_gate.h"
 
+#include <fcntl.h>
 #include <fnmatch.h>
-#include <glob.h>
-#include <limits.h>
-#include <stdlib.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
-#include "common/path_resolve.h"
+#include "common/dir_stream.h"
 #include "common/path_safety.h"
 #include "common/wildcard.h"
 #include "log/logger.h"
@@ -20,47 +19,125 @@ namespace {
 constexpr size_t kMaxPathLength = 4095;  // what a UserSetRecord can carry
 const char* const kWildcards = "*?[";
 
-// A glob() result, released on every path out.
-class GlobResult {
- public:
-  GlobResult() { std::memset(&glob_, 0, sizeof(glob_)); }
-  ~GlobResult() { globfree(&glob_); }
-  GlobResult(const GlobResult&) = delete;
-  GlobResult& operator=(const GlobResult&) = delete;
+bool isLiteral(const std::string& component) {
+  return component.find_first_of("*?[\\") == std::string::npos;
+}
 
-  int run(const std::string& pattern) { return glob(pattern.c_str(), 0, nullptr, &glob_); }
-  size_t size() const { return glob_.gl_pathc; }
-  const char* operator[](size_t i) const { return glob_.gl_pathv[i]; }
+std::string childPath(const std::string& dir, const char* name) {
+  return dir == "/" ? "/" + std::string(name) : dir + "/" + name;
+}
+
+// Walks the components of a pattern below a pinned directory.
+class CoverageWalk {
+ public:
+  CoverageWalk(std::vector<std::string> components,
+               const std::function<void(const CoveredEntry&)>& each)
+      : components_(std::move(components)), each_(each) {}
+
+  void walk(UniqueFd dir, const std::string& dirPath, size_t index) {
+    const std::string& component = components_[index];
+    bool last = index + 1 == components_.size();
+    if (isLiteral(component)) {
+      visit(dir.get(), dirPath, component.c_str(), last, index);
+      return;
+    }
+    // Names are gathered first so that they are visited in order and so
+    // that nothing done to the directory meanwhile changes the listing.
+    DirStream stream(std::move(dir));
+    std::vector<std::string> names;
+    DirStream::Entry entry;
+    while (stream.next(&entry)) {
+      if (fnmatch(component.c_str(), entry.name, FNM_PERIOD) == 0) names.push_back(entry.name);
+    }
+    if (stream.error() != 0) {
+      ZLOG_ERROR("cannot read directory %s: %s", dirPath.c_str(), std::strerror(stream.error()));
+      complete_ = false;
+    }
+    std::sort(names.begin(), names.end());
+    for (const std::string& name : names) visit(stream.fd(), dirPath, name.c_str(), last, index);
+  }
+
+  bool complete() const { return complete_; }
 
  private:
-  glob_t glob_;
+  void visit(int dirfd, const std::string& dirPath, const char* name, bool last, size_t index) {
+    struct stat st;
+    std::string path = childPath(dirPath, name);
+    if (::fstatat(dirfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      if (errno == ENOENT) return;  // not there (any more): covers nothing
+      ZLOG_ERROR("cannot stat %s: %s", path.c_str(), std::strerror(errno));
+      complete_ = false;
+      return;
+    }
+    if (S_ISLNK(st.st_mode)) return;
+    if (last) {
+      each_(CoveredEntry{dirfd, name, path, st});
+      return;
+    }
+    if (!S_ISDIR(st.st_mode)) return;
+    UniqueFd child(::openat(dirfd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat opened;
+    if (!child || ::fstat(child.get(), &opened) != 0 || opened.st_dev != st.st_dev ||
+        opened.st_ino != st.st_ino) {
+      int cause = child ? ESTALE : errno;
+      if (cause == ENOENT) return;
+      ZLOG_ERROR("cannot open directory %s: %s", path.c_str(),
+                 cause == ESTALE || cause == ELOOP || cause == ENOTDIR
+                     ? "it was replaced during the walk"
+                     : std::strerror(cause));
+      complete_ = false;
+      return;
+    }
+    walk(std::move(child), path, index + 1);
+  }
+
+  std::vector<std::string> components_;
+  const std::function<void(const CoveredEntry&)>& each_;
+  bool complete_ = true;
 };
 
-std::string canonicalOrEmpty(const std::string& path) {
-  char resolved[PATH_MAX];
-  if (realpath(path.c_str(), resolved) == nullptr) return "";
-  return resolved;
+std::vector<std::string> splitComponents(const std::string& text) {
+  std::vector<std::string> parts;
+  size_t begin = 0;
+  while (begin <= text.size()) {
+    size_t end = text.find('/', begin);
+    if (end == std::string::npos) end = text.size();
+    if (end > begin) parts.push_back(text.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return parts;
 }
 
 }  // namespace
 
-std::string admitExactPath(const char* path) {
+bool admitExactPath(const char* path, PinnedEntry* entry) {
   if (path == nullptr) {
     ZLOG_ERROR("no path given");
-    return "";
+    return false;
   }
-  return admitExactPath(std::string(path));
+  if (!isFilePathSafe(path, true, false, false)) return false;
+  std::string error;
+  if (resolvePinned(path, LinkRule::kSafe, true, entry, &error) != 0) {
+    ZLOG_ERROR("%s", error.c_str());
+    return false;
+  }
+  if (entry->path.size() > kMaxPathLength) {
+    ZLOG_ERROR("canonical path too long (length=%zu): %s", entry->path.size(), path);
+    return false;
+  }
+  return true;
 }
 
-std::string admitExactPath(const std::string& path) {
-  if (!isFilePathSafe(path, true, false, false)) return "";
-  std::string canonical = getRealPath(path);
-  if (canonical.empty()) return "";  // getRealPath has said why
-  if (canonical.size() > kMaxPathLength) {
-    ZLOG_ERROR("canonical path too long (length=%zu): %s", canonical.size(), path.c_str());
-    return "";
+int pinStoredTarget(const std::string& canonicalPath, PinnedEntry* entry) {
+  std::string error;
+  int rc = resolvePinned(canonicalPath, LinkRule::kNever, false, entry, &error);
+  if (rc == 0 && S_ISLNK(entry->st.st_mode)) rc = -ENOLINK;
+  if (rc == -ENOENT || rc == -ENOTDIR || rc == -ENOLINK) {
+    ZLOG_DEBUG("%s is gone or has become a symbolic link: passed over", canonicalPath.c_str());
+    return -ENOENT;
   }
-  return canonical;
+  if (rc != 0) ZLOG_ERROR("%s", error.c_str());
+  return rc;
 }
 
 std::string admitPattern(const char* pattern) {
@@ -89,8 +166,16 @@ std::string admitPattern(const std::string& pattern) {
   std::string rest = trimmed.substr(slash);  // starts with '/'
   std::string result = trimmed;
   if (!dir.empty()) {
-    std::string real = canonicalOrEmpty(dir);
-    if (!real.empty()) result = (real == "/" ? "" : real) + rest;
+    PinnedEntry entry;
+    std::string error;
+    int rc = resolvePinned(dir, LinkRule::kSafe, true, &entry, &error);
+    if (rc == -ENOLINK || rc == -ELOOP) {
+      ZLOG_ERROR("%s", error.c_str());
+      return "";
+    }
+    // A directory that is not there (yet) keeps the pattern as written: it
+    // covers nothing now and governs what appears there later.
+    if (rc == 0) result = (entry.path == "/" ? "" : entry.path) + rest;
   }
   if (result.size() > kMaxPathLength) {
     ZLOG_ERROR("pattern too long once resolved (length=%zu): %s", result.size(), pattern.c_str());
@@ -107,21 +192,40 @@ std::string literalPrefix(const std::string& pattern) {
   return pattern.substr(0, pattern.find_first_of(kWildcards));
 }
 
+bool forEachCovered(const std::string& pattern,
+                    const std::function<void(const CoveredEntry&)>& each) {
+  if (pattern.empty() || pattern[0] != '/') return true;  // covers nothing
+  // The fixed directory: every component before the first one that is not
+  // plain text.
+  std::vector<std::string> components = splitComponents(pattern);
+  size_t fixed = 0;
+  while (fixed + 1 < components.size() && isLiteral(components[fixed])) ++fixed;
+  std::string dirPath = "/";
+  for (size_t i = 0; i < fixed; ++i) dirPath = childPath(dirPath, components[i].c_str());
+  components.erase(components.begin(), components.begin() + static_cast<std::ptrdiff_t>(fixed));
+  if (components.empty()) return true;
+
+  PinnedEntry dirEntry;
+  int rc = pinStoredTarget(dirPath, &dirEntry);
+  if (rc == -ENOENT) return true;
+  if (rc != 0) return false;
+  UniqueFd dir;
+  rc = openPinnedDirectory(dirEntry, &dir);
+  if (rc == -ENOENT || rc == -ENOTDIR) return true;
+  if (rc != 0) {
+    ZLOG_ERROR("cannot open directory %s: %s", dirPath.c_str(),
+               rc == -ESTALE ? "it was replaced meanwhile" : std::strerror(-rc));
+    return false;
+  }
+  CoverageWalk walk(std::move(components), each);
+  walk.walk(std::move(dir), dirPath, 0);
+  return walk.complete();
+}
+
 std::vector<std::string> filesCoveredBy(const std::string& pattern) {
   std::vector<std::string> files;
-  GlobResult matches;
-  int rc = matches.run(pattern);
-  if (rc == GLOB_NOMATCH) return files;
-  if (rc != 0) {
-    ZLOG_ERROR("cannot expand pattern %s (glob error %d)", pattern.c_str(), rc);
-    return files;
-  }
-  for (size_t i = 0; i < matches.size(); ++i) {
-    std::string canonical = canonicalOrEmpty(matches[i]);
-    if (!canonical.empty() && patternCovers(pattern, canonical)) files.push_back(canonical);
-  }
+  forEachCovered(pattern, [&](const CoveredEntry& entry) { files.push_back(entry.path); });
   std::sort(files.begin(), files.end());
-  files.erase(std::unique(files.begin(), files.end()), files.end());
   return files;
 }
 

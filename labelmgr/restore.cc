@@ -16,27 +16,26 @@ namespace {
 namespace lm = zorv::labelmgr;
 
 std::string restoreLabel(const std::string& path, bool withRules) {
-  std::string file = lm::admitExactPath(path);
-  if (file.empty()) return "";
+  zorv::PinnedEntry file;
+  if (!lm::admitExactPath(path.c_str(), &file)) return "";
+  std::optional<lm::StateLock> lock = lm::lockForChange();
+  if (!lock) return "";
   // The transaction keeps a concurrent field set from interleaving with this
   // write, and the rules read are the ones in force while it is held.
   std::unique_ptr<lm::StateDb> db = lm::StateDb::open(lm::StateDb::OpenMode::kCreate);
   if (db == nullptr) return "";
   lm::ImmediateTransaction transaction(*db);
   if (!transaction.begun()) return "";
-  std::unique_ptr<lm::LabelPolicy> policy = lm::LabelPolicy::loadFor(db.get(), {file});
+  std::unique_ptr<lm::LabelPolicy> policy = lm::LabelPolicy::loadFor(db.get(), {file.path});
   if (policy == nullptr) return "";
-  struct stat st;
-  if (lstat(file.c_str(), &st) != 0) {
-    ZLOG_ERROR("cannot stat %s: %s", file.c_str(), strerror(errno));
-    return "";
-  }
-  Label label = withRules ? policy->effectiveLabel(file, st) : policy->initLabel(file, st);
+  Label label = withRules ? policy->effectiveLabel(file.path, file.st)
+                          : policy->initLabel(file.path, file.st);
   std::vector<std::string> changes;
   lm::LabelUndo undo;
-  if (!lm::updateLabel(
-          file, [&](Label& current) { current = label; }, withRules ? "restore" : "init", &changes,
-          &undo))
+  if (!lm::updateLabelAt(
+          file.dir.get(), file.name.c_str(), file.path, file.st,
+          [&](Label& current) { current = label; }, withRules ? "restore" : "init", &changes, &undo,
+          true))
     return "";
   if (!transaction.commit()) {
     undo.rollBack();

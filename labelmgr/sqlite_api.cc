@@ -22,6 +22,7 @@ const SqliteApi* openSqliteApi() {
   library.resolve(api.column_int64, "sqlite3_column_int64");
   library.resolve(api.column_text, "sqlite3_column_text");
   library.resolve(api.column_bytes, "sqlite3_column_bytes");
+  library.resolve(api.file_control, "sqlite3_file_control");
   return library.ready() ? &api : nullptr;
 }
 

@@ -24,6 +24,7 @@ struct SqliteApi {
   decltype(&::sqlite3_column_int64) column_int64;
   decltype(&::sqlite3_column_text) column_text;
   decltype(&::sqlite3_column_bytes) column_bytes;
+  decltype(&::sqlite3_file_control) file_control;
 };
 
 /// libsqlite3.so.0's functions, opened by the first call (thread-safe);

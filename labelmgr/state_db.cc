@@ -1,13 +1,17 @@
 #include "labelmgr/state_db.h"
 
 #include <errno.h>
-#include <sys/stat.h>
+#include <fcntl.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 
+#include "common/unique_fd.h"
 #include "labelmgr/sqlite_api.h"
+#include "labelmgr/state_files.h"
 #include "log/logger.h"
 
 #ifndef ZORV_DEFAULT_STATE_DIR
@@ -21,12 +25,19 @@ namespace {
 // Only reached once sqliteApi() has answered; see StateDb::open.
 const SqliteApi& sqlite() { return *sqliteApi(); }
 
+constexpr char kDatabaseFile[] = "labelmgr.db";
+// Long enough to outwait another run of the tool relabelling a large pattern.
+constexpr int kBusyTimeoutMs = 60000;
+// What a kept -wal file may still take once its content is in the database.
+const char* const kWalSizeLimit = "PRAGMA journal_size_limit=1048576";
+
 // WAL lets readers go on while a writer holds the lock; a file system that
 // cannot do WAL leaves the journal mode as it was, which still works.
 // Switching a new database to WAL needs a lock that SQLite does not wait for
 // through the busy handler, so two runs creating the database at the same
 // moment would see "database is locked": that is retried for as long as the
-// busy timeout allows.
+// busy timeout allows. Only writers switch: a reader takes the database as
+// it finds it.
 bool switchToWal(sqlite3* handle, const std::string& path, int timeoutMs) {
   const char* const kSql = "PRAGMA journal_mode=WAL";
   for (int waitedMs = 0;; waitedMs += 5) {
@@ -45,8 +56,33 @@ bool switchToWal(sqlite3* handle, const std::string& path, int timeoutMs) {
   }
 }
 
-// Long enough to outwait another run of the tool relabelling a large pattern.
-constexpr int kBusyTimeoutMs = 60000;
+// A WAL reader needs the -wal and -shm files, and creating them needs room
+// that a full file system does not have. Every connection therefore leaves
+// them in place when it closes (the -wal truncated to kWalSizeLimit), so that
+// a reader finds them ready; on a read-only file system the database is
+// opened immutable instead (nothing can change it there).
+void keepWalFiles(sqlite3* handle) {
+  int persist = 1;
+  sqlite().file_control(handle, "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
+}
+
+// A URI for the database on a read-only file system: nothing can change it
+// there, so SQLite may skip locking and the -shm file a WAL database would
+// otherwise need.
+std::string immutableUri(const std::string& path) {
+  static const char kHex[] = "0123456789ABCDEF";
+  std::string uri = "file:";
+  for (unsigned char c : path) {
+    if (std::isalnum(c) || c == '/' || c == '-' || c == '_' || c == '.') {
+      uri += static_cast<char>(c);
+    } else {
+      uri += '%';
+      uri += kHex[c >> 4];
+      uri += kHex[c & 15];
+    }
+  }
+  return uri + "?immutable=1";
+}
 
 const char* const kSchemaV1 =
     "CREATE TABLE IF NOT EXISTS meta ("
@@ -69,23 +105,6 @@ const char* const kSchemaV1 =
     "  id INTEGER NOT NULL);"
     "PRAGMA user_version = 1;";
 
-// Creates `dir` and its missing parents; the state directory itself is private.
-bool makeStateDirectory(const std::string& dir) {
-  for (size_t slash = dir.find('/', 1); slash != std::string::npos;
-       slash = dir.find('/', slash + 1)) {
-    std::string parent = dir.substr(0, slash);
-    if (mkdir(parent.c_str(), 0755) != 0 && errno != EEXIST) {
-      ZLOG_ERROR("cannot create directory %s: %s", parent.c_str(), strerror(errno));
-      return false;
-    }
-  }
-  if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
-    ZLOG_ERROR("cannot create state directory %s: %s", dir.c_str(), strerror(errno));
-    return false;
-  }
-  return true;
-}
-
 int userVersion(StateDb& db) {
   Statement query(db, "PRAGMA user_version");
   return query.step() ? static_cast<int>(query.columnInt(0)) : -1;
@@ -101,22 +120,47 @@ std::string stateDirectory() {
 
 std::unique_ptr<StateDb> StateDb::open(OpenMode mode, bool* absent) {
   if (absent != nullptr) *absent = false;
-  std::string dir = stateDirectory();
-  while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
-  std::string path = dir + "/labelmgr.db";
-
-  int flags = SQLITE_OPEN_READWRITE;
-  if (mode == OpenMode::kCreate) {
-    if (!makeStateDirectory(dir)) return nullptr;
-    flags |= SQLITE_OPEN_CREATE;
-  } else if (access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
+  bool create = mode == OpenMode::kCreate;
+  StateDir dir;
+  std::string error;
+  int rc = openStateDir(stateDirectory(), create, &dir, &error);
+  if (rc == -ENOENT && !create) {
     if (absent != nullptr) *absent = true;
     return nullptr;
   }
+  if (rc != 0) {
+    ZLOG_ERROR("cannot open the state database: %s", error.c_str());
+    return nullptr;
+  }
+  // Made here rather than by SQLite, so that a link or a FIFO planted in its
+  // place is refused instead of followed or waited on.
+  UniqueFd file;
+  rc = openStateFile(dir, kDatabaseFile, create ? O_RDWR | O_CREAT : O_RDONLY, 0600, &file, &error);
+  if (rc == -EROFS) rc = openStateFile(dir, kDatabaseFile, O_RDONLY, 0, &file, &error);
+  std::string path = dir.path + "/" + kDatabaseFile;
+  if (rc == -ENOENT) {
+    if (absent != nullptr) *absent = true;
+    return nullptr;
+  }
+  if (rc != 0) {
+    ZLOG_ERROR("cannot open the state database: %s", error.c_str());
+    return nullptr;
+  }
+  struct statvfs fs;
+  bool readOnlyFs = ::fstatvfs(file.get(), &fs) == 0 && (fs.f_flag & ST_RDONLY) != 0;
+  file.reset();
 
   if (sqliteApi() == nullptr) return nullptr;
+  int flags =
+      SQLITE_OPEN_NOFOLLOW |
+      (mode == OpenMode::kReadOnly || readOnlyFs ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE);
+  std::string name = path;
+  if (readOnlyFs) {
+    name = immutableUri(path);
+    flags |= SQLITE_OPEN_URI;
+  }
   sqlite3* handle = nullptr;
-  if (sqlite().open_v2(path.c_str(), &handle, flags, nullptr) != SQLITE_OK) {
+  if (sqlite().open_v2(name.c_str(), &handle, flags, nullptr) != SQLITE_OK) {
     ZLOG_ERROR("cannot open state database %s: %s", path.c_str(),
                handle ? sqlite().errmsg(handle) : "out of memory");
     sqlite().close(handle);
@@ -124,7 +168,25 @@ std::unique_ptr<StateDb> StateDb::open(OpenMode mode, bool* absent) {
   }
   std::unique_ptr<StateDb> db(new StateDb(handle, path));
   sqlite().busy_timeout(handle, kBusyTimeoutMs);
-  if (!switchToWal(handle, path, kBusyTimeoutMs)) return nullptr;
+  if (!readOnlyFs) keepWalFiles(handle);
+  if (create && !readOnlyFs &&
+      (!switchToWal(handle, path, kBusyTimeoutMs) || !db->exec(kWalSizeLimit)))
+    return nullptr;
+  if (mode == OpenMode::kReadOnly || readOnlyFs) {
+    int version = userVersion(*db);
+    if (version < 0) return nullptr;
+    // A database no writer has set up yet holds nothing to read.
+    if (version == 0) {
+      if (absent != nullptr) *absent = true;
+      return nullptr;
+    }
+    if (version > kSchemaVersion) {
+      ZLOG_ERROR("state database %s has schema version %d, newer than this library's %d",
+                 path.c_str(), version, kSchemaVersion);
+      return nullptr;
+    }
+    return db;
+  }
   if (!db->migrate()) return nullptr;
   return db;
 }
@@ -235,7 +297,7 @@ bool writeMeta(StateDb& db, const std::string& key, const std::string& value) {
 }
 
 bool setLabelSetStatus(StateDb& db, int status) {
-  return writeMeta(db, "label_set_status", status == 1 ? "1" : "0");
+  return writeMeta(db, "label_set_status", std::to_string(status));
 }
 
 bool setLabelSetStatus(int status) {
@@ -245,10 +307,24 @@ bool setLabelSetStatus(int status) {
 
 int readLabelSetStatus() {
   bool absent = false;
-  std::unique_ptr<StateDb> db = StateDb::open(StateDb::OpenMode::kExisting, &absent);
+  std::unique_ptr<StateDb> db = StateDb::open(StateDb::OpenMode::kReadOnly, &absent);
   if (db == nullptr) return 0;
   std::optional<std::string> value = readMeta(*db, "label_set_status");
-  return value && *value == "1" ? 1 : 0;
+  if (!value) return kLabelSetNone;
+  if (*value == "1") return kLabelSetComplete;
+  return *value == "2" ? kLabelSetIncomplete : kLabelSetNone;
+}
+
+bool bumpRulesGeneration(StateDb& db) {
+  Statement update(db,
+                   "INSERT INTO meta (key, value) VALUES ('rules_generation', '1') "
+                   "ON CONFLICT (key) DO UPDATE SET value = CAST(value AS INTEGER) + 1");
+  return update.run();
+}
+
+uint64_t readRulesGeneration(StateDb& db) {
+  Statement query(db, "SELECT CAST(value AS INTEGER) FROM meta WHERE key = 'rules_generation'");
+  return query.step() ? static_cast<uint64_t>(query.columnInt(0)) : 0;
 }
 
 }  // namespace zorv::labelmgr

@@ -2,8 +2,9 @@
 // directory, holding the user-set values and a small key/value meta table.
 //
 // Every operation opens its own StateDb and drops it when done; a process
-// never shares one handle between threads. Concurrent processes are
-// serialised by ImmediateTransaction (BEGIN IMMEDIATE with a busy timeout), so
+// never shares one handle between threads. Label writers of different
+// processes are serialised by StateLock (state_lock.h); database writers by
+// ImmediateTransaction (BEGIN IMMEDIATE with a busy timeout), so
 // a read-modify-write done inside one is never interleaved with another's.
 #ifndef ZORV_LABELMGR_STATE_DB_H_
 #define ZORV_LABELMGR_STATE_DB_H_
@@ -27,12 +28,19 @@ class StateDb {
   enum class OpenMode {
     kCreate,    // create the directory (0700) and the database when missing
     kExisting,  // a missing database is not an error: open() answers null and sets *absent
+    kReadOnly,  // as kExisting, for queries: nothing is written, not even the schema
   };
 
-  /// Opens the database "labelmgr.db" in stateDirectory() in WAL mode with a
-  /// busy timeout and brings its schema up to date. Null on failure, with one
-  /// error line; with kExisting and no database yet, null, *absent = true and
-  /// nothing logged.
+  /// Opens the database "labelmgr.db" in stateDirectory() with a busy
+  /// timeout. The state directory must be safe (see state_files.h) and the
+  /// database a regular file, never a link. kCreate switches the database to
+  /// WAL mode; kCreate and kExisting bring the schema up to date. No open
+  /// removes the -wal and -shm files when it closes, so that kReadOnly and
+  /// kExisting opens, which never change the journal mode, can read on a full
+  /// file system; on a read-only one the database is opened immutable. Null
+  /// on failure, with one error line; with kExisting or kReadOnly and no
+  /// database yet (or, for kReadOnly, one without a schema), null,
+  /// *absent = true and nothing logged.
   static std::unique_ptr<StateDb> open(OpenMode mode, bool* absent = nullptr);
 
   ~StateDb();
@@ -107,15 +115,28 @@ class ImmediateTransaction {
 std::optional<std::string> readMeta(StateDb& db, const std::string& key);
 bool writeMeta(StateDb& db, const std::string& key, const std::string& value);
 
-/// Records whether a whole-tree labelling has completed (1) or not (0), in the
-/// meta key "label_set_status"; false and one error line on failure. The first
-/// form joins the caller's transaction, the second opens (creating) the
-/// database itself.
+/// The whole-tree labelling status: none has run yet, the last one labelled
+/// everything, or the last one left files unlabelled (a rerun completes it).
+constexpr int kLabelSetNone = 0;
+constexpr int kLabelSetComplete = 1;
+constexpr int kLabelSetIncomplete = 2;
+
+/// Records the status, in the meta key "label_set_status"; false and one
+/// error line on failure. The first form joins the caller's transaction, the
+/// second opens (creating) the database itself.
 bool setLabelSetStatus(StateDb& db, int status);
 bool setLabelSetStatus(int status);
-/// 1 once setLabelSetStatus(1) was recorded, else 0 (also when there is no
-/// database yet or it cannot be read).
+/// The status last recorded; kLabelSetNone also when there is no database
+/// yet or it cannot be read.
 int readLabelSetStatus();
+
+/// A number that grows whenever the user-set rules change: a writer of rules
+/// calls bumpRulesGeneration inside its transaction, and a reader that
+/// computed labels from the rules compares readRulesGeneration before and
+/// after (under the state lock) to see whether they still hold. 0 until the
+/// first bump; bump answers false (logged) on failure.
+bool bumpRulesGeneration(StateDb& db);
+uint64_t readRulesGeneration(StateDb& db);
 
 }  // namespace zorv::labelmgr
 

@@ -10,8 +10,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/unique_fd.h"
 #include "labelmgr/dpkg_db.h"
 #include "labelmgr/label_policy.h"
+#include "labelmgr/state_files.h"
 #include "log/logger.h"
 
 namespace zorv::labelmgr {
@@ -19,6 +21,8 @@ namespace {
 
 constexpr char kMagic[8] = {'Z', 'O', 'R', 'V', 'T', 'R', 'E', 'E'};
 constexpr uint32_t kVersion = 1;
+// Far more inodes than any one tree holds, and below the 32-bit slot indexes.
+constexpr uint64_t kMaxEntries = uint64_t{1} << 30;
 
 struct Header {
   char magic[8];
@@ -144,14 +148,25 @@ TreeCacheEntry TreeLabelCache::entryFor(const struct stat& st, uint64_t pathHash
 
 namespace {
 
-// A run killed while saving leaves its "FILE.tmp.PID" behind; the next run
-// removes those whose process is gone (a live one may be saving right now).
-void removeAbandonedTemporaries(const std::string& file) {
+// The file's directory, checked as the state directory is, and its name.
+bool openCacheDirectory(const std::string& file, StateDir* dir, std::string* name,
+                        std::string* error) {
   size_t slash = file.find_last_of('/');
   std::string directory = slash == std::string::npos ? "." : file.substr(0, slash + 1);
-  std::string prefix = (slash == std::string::npos ? file : file.substr(slash + 1)) + ".tmp.";
-  DIR* dir = ::opendir(directory.c_str());
-  if (dir == nullptr) return;
+  *name = slash == std::string::npos ? file : file.substr(slash + 1);
+  return openStateDir(directory, false, dir, error) == 0;
+}
+
+// A run killed while saving leaves its "FILE.tmp.PID" behind; the next run
+// removes those whose process is gone (a live one may be saving right now).
+void removeAbandonedTemporaries(const StateDir& state, const std::string& file) {
+  std::string prefix = file + ".tmp.";
+  int fd = ::openat(state.fd.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  DIR* dir = fd < 0 ? nullptr : ::fdopendir(fd);
+  if (dir == nullptr) {
+    if (fd >= 0) ::close(fd);
+    return;
+  }
   while (const struct dirent* entry = ::readdir(dir)) {
     const char* name = entry->d_name;
     if (std::strncmp(name, prefix.c_str(), prefix.size()) != 0) continue;
@@ -165,34 +180,64 @@ void removeAbandonedTemporaries(const std::string& file) {
   ::closedir(dir);
 }
 
+// Why the opened cache file cannot be what save() wrote, or "" when its
+// header and size agree. Nothing is read beyond the header before this says
+// yes, so a forged header cannot make us allocate what the file does not hold.
+std::string fileProblem(int fd, const struct stat& st, const Header& header) {
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) return "writable by group or others";
+  if (st.st_nlink != 1) return "linked elsewhere";
+  if (header.count > kMaxEntries) return "more entries than any tree holds";
+  if (static_cast<uint64_t>(st.st_size) != sizeof header + header.count * sizeof(TreeCacheEntry))
+    return "size disagrees with its header";
+  // save() writes every byte: a hole is something else's doing.
+  off_t hole = ::lseek(fd, 0, SEEK_HOLE);
+  if (hole >= 0 && hole < st.st_size) return "sparse";
+  if (::lseek(fd, sizeof header, SEEK_SET) != static_cast<off_t>(sizeof header))
+    return "cannot be read";
+  return "";
+}
+
 }  // namespace
 
 void TreeLabelCache::load(const std::string& file, uint64_t fingerprint) {
-  removeAbandonedTemporaries(file);
   entries_.clear();
   slots_.clear();
   count_ = 0;
-  int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return;
+  StateDir dir;
+  std::string name, error;
+  if (!openCacheDirectory(file, &dir, &name, &error)) {
+    ZLOG_WARN("not using the tree label cache %s: %s", file.c_str(), error.c_str());
+    return;
+  }
+  removeAbandonedTemporaries(dir, name);
+  UniqueFd fd;
+  int rc = openStateFile(dir, name, O_RDONLY, 0, &fd, &error);
+  if (rc == -ENOENT) return;
+  if (rc != 0) {
+    // Whatever stands there (a link, a FIFO) is replaced when this run saves.
+    ZLOG_WARN("ignoring the tree label cache: %s", error.c_str());
+    if (rc == -ELOOP || rc == -EINVAL) ::unlinkat(dir.fd.get(), name.c_str(), 0);
+    return;
+  }
   Header header{};
   struct stat st;
-  bool usable = ::fstat(fd, &st) == 0 && readAll(fd, &header, sizeof header) &&
-                std::memcmp(header.magic, kMagic, sizeof kMagic) == 0 &&
-                header.version == kVersion && header.entrySize == sizeof(TreeCacheEntry);
-  if (usable && header.fingerprint == fingerprint) {
-    usable = header.count < UINT32_MAX && static_cast<uint64_t>(st.st_size) ==
-                                              sizeof header + header.count * sizeof(TreeCacheEntry);
-    if (usable) {
-      entries_.resize(header.count);
-      usable = readAll(fd, entries_.data(), entries_.size() * sizeof(TreeCacheEntry));
-    }
-  } else if (usable) {
-    entries_.clear();  // written under other rules or packages: nothing in it holds
-  }
-  ::close(fd);
-  if (!usable) {
-    entries_.clear();
+  if (::fstat(fd.get(), &st) != 0 || !readAll(fd.get(), &header, sizeof header) ||
+      std::memcmp(header.magic, kMagic, sizeof kMagic) != 0 || header.version != kVersion ||
+      header.entrySize != sizeof(TreeCacheEntry)) {
     ZLOG_WARN("ignoring the damaged or foreign tree label cache %s", file.c_str());
+    return;
+  }
+  // Written under other rules or packages: nothing in it holds.
+  if (header.fingerprint != fingerprint) return;
+  std::string problem = fileProblem(fd.get(), st, header);
+  if (!problem.empty()) {
+    ZLOG_WARN("ignoring the tree label cache %s: %s", file.c_str(), problem.c_str());
+    return;
+  }
+  entries_.resize(header.count);
+  if (!readAll(fd.get(), entries_.data(), entries_.size() * sizeof(TreeCacheEntry))) {
+    entries_.clear();
+    ZLOG_WARN("ignoring the damaged tree label cache %s", file.c_str());
     return;
   }
   // The slots hold indexes into the entries as read (plus one; 0 is free):
@@ -244,10 +289,22 @@ bool TreeLabelCache::fresh(const struct stat& st, uint64_t pathHash, size_t* hin
 
 bool TreeLabelCache::save(const std::string& file, uint64_t fingerprint,
                           const std::vector<TreeCacheEntry>& entries) {
-  std::string temporary = file + ".tmp." + std::to_string(::getpid());
-  int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (fd < 0) {
-    ZLOG_ERROR("cannot write the tree label cache %s: %s", temporary.c_str(), std::strerror(errno));
+  StateDir dir;
+  std::string name, error;
+  if (!openCacheDirectory(file, &dir, &name, &error)) {
+    ZLOG_ERROR("cannot write the tree label cache %s: %s", file.c_str(), error.c_str());
+    return false;
+  }
+  if (entries.size() > kMaxEntries) {
+    ZLOG_ERROR("not writing the tree label cache %s: %zu entries", file.c_str(), entries.size());
+    return false;
+  }
+  std::string temporary = name + ".tmp." + std::to_string(::getpid());
+  // One left by an earlier process of the same id (or planted) goes first.
+  ::unlinkat(dir.fd.get(), temporary.c_str(), 0);
+  UniqueFd fd;
+  if (openStateFile(dir, temporary, O_WRONLY | O_CREAT | O_EXCL, 0600, &fd, &error) != 0) {
+    ZLOG_ERROR("cannot write the tree label cache %s: %s", file.c_str(), error.c_str());
     return false;
   }
   Header header{};
@@ -256,12 +313,14 @@ bool TreeLabelCache::save(const std::string& file, uint64_t fingerprint,
   header.entrySize = sizeof(TreeCacheEntry);
   header.fingerprint = fingerprint;
   header.count = entries.size();
-  bool ok = writeAll(fd, &header, sizeof header) &&
-            writeAll(fd, entries.data(), entries.size() * sizeof(TreeCacheEntry));
-  ok = ::close(fd) == 0 && ok;
-  if (!ok || ::rename(temporary.c_str(), file.c_str()) != 0) {
+  bool ok = writeAll(fd.get(), &header, sizeof header) &&
+            writeAll(fd.get(), entries.data(), entries.size() * sizeof(TreeCacheEntry));
+  ok = ::close(fd.release()) == 0 && ok;
+  // rename() replaces whatever stands at the name (a link, a FIFO) without
+  // following it.
+  if (!ok || ::renameat(dir.fd.get(), temporary.c_str(), dir.fd.get(), name.c_str()) != 0) {
     ZLOG_ERROR("cannot write the tree label cache %s: %s", file.c_str(), std::strerror(errno));
-    ::unlink(temporary.c_str());
+    ::unlinkat(dir.fd.get(), temporary.c_str(), 0);
     return false;
   }
   return true;

@@ -14,7 +14,11 @@
 // tmpfs since 6.13 once a time has been read, leave no such gap.)
 //
 // The file is local to one machine (host byte order) and rewritten whole after
-// each run; an unreadable, foreign or damaged file is simply not used.
+// each run; an unreadable, foreign or damaged file is simply not used. It
+// lives in a directory checked as the state directory is (state_files.h) and
+// is read only when it is a regular file of ours, not writable by others,
+// without holes, and exactly as long as its header says: a forged header can
+// never make a run allocate more than the file really holds.
 #ifndef ZORV_LABELMGR_TREE_LABEL_CACHE_H_
 #define ZORV_LABELMGR_TREE_LABEL_CACHE_H_
 
@@ -53,7 +57,8 @@ class TreeLabelCache {
   static TreeCacheEntry entryFor(const struct stat& st, uint64_t pathHash);
 
   /// Reads `file` when it was written for `fingerprint`; otherwise the cache
-  /// stays empty (a damaged file is logged).
+  /// stays empty (a damaged or untrusted file is logged, and a link or other
+  /// non-file at its name removed, so that the next save() rebuilds it).
   void load(const std::string& file, uint64_t fingerprint);
   /// The entry still describes this inode as last verified. `hint` (one per
   /// thread, starting at 0) remembers where the last entry was found: entries

@@ -16,11 +16,13 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string_view>
 #include <thread>
@@ -29,28 +31,20 @@
 
 #include "cli/zorvlabelmgr.h"
 #include "common/path_resolve.h"
+#include "common/safe_path.h"
+#include "common/unique_fd.h"
 #include "label/label.h"
+#include "label/label_attr.h"
 #include "labelmgr/change_bus.h"
 #include "labelmgr/label_policy.h"
 #include "labelmgr/state_db.h"
+#include "labelmgr/state_lock.h"
 #include "labelmgr/tree_label_cache.h"
 #include "log/logger.h"
-
-// Linux 6.13 added the *xattrat calls, which let workers read and write
-// attributes relative to a directory descriptor instead of resolving a whole
-// path each time (and without a PATH_MAX limit). The numbers are the same on
-// every architecture that postdates the unified table.
-#ifndef SYS_setxattrat
-#define SYS_setxattrat 463
-#endif
-#ifndef SYS_getxattrat
-#define SYS_getxattrat 464
-#endif
 
 namespace zorv::labelmgr {
 namespace {
 
-constexpr char kAttributeName[] = "security.zorv";
 constexpr size_t kLabelBufferBytes = 128;  // the binary form is at most 81 bytes
 constexpr size_t kBatchItems = 256;
 // Each queued entry keeps its directory's descriptor open; bounding the
@@ -75,18 +69,7 @@ std::mutex& logMutex() {
     ZLOG_##level(__VA_ARGS__);                       \
   } while (0)
 
-class DirFd {
- public:
-  explicit DirFd(int fd) : fd_(fd) {}
-  ~DirFd() { ::close(fd_); }
-  DirFd(const DirFd&) = delete;
-  DirFd& operator=(const DirFd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-using DirRef = std::shared_ptr<const DirFd>;
+using DirRef = std::shared_ptr<const UniqueFd>;
 
 struct EntryStat {
   struct stat st {};
@@ -132,64 +115,31 @@ std::string joinPath(const std::string& dir, const char* name) {
 
 // One entry to label: its canonical path and how to reach it.
 struct Item {
-  DirRef dir;  // the directory `path` is taken relative to; null: `path` is used whole
+  DirRef dir;  // the pinned directory the entry was found in
   std::string path;
   uint32_t nameOffset = 0;
+  bool isSlash = false;             // the root "/", which is "." of its own directory
+  bool inCwd = false;               // the worker's working directory is `dir`
   unsigned char type = DT_UNKNOWN;  // as the directory listing gave it
   bool hasStat = false;
   bool linkResolved = false;  // a hard link already chosen as its inode's one name
   EntryStat stat;
 
-  int dirfd() const { return dir ? dir->get() : AT_FDCWD; }
-  const char* name() const { return path.c_str() + nameOffset; }
+  int dirfd() const { return inCwd ? AT_FDCWD : dir->get(); }
+  const char* name() const { return isSlash ? "." : path.c_str() + nameOffset; }
 };
-
-struct XattrArgs {
-  uint64_t value;
-  uint32_t size;
-  uint32_t flags;
-};
-
-std::atomic<bool> gNoXattrAt{false};
-
-// A path that reaches the entry through the system calls that take one.
-std::string reachablePath(const Item& item) {
-  if (!item.dir || item.path.size() < PATH_MAX) return item.path;
-  return "/proc/self/fd/" + std::to_string(item.dir->get()) + "/" + item.name();
-}
 
 ssize_t readLabel(const Item& item, unsigned char* buffer, size_t size) {
-  if (!gNoXattrAt.load(std::memory_order_relaxed)) {
-    XattrArgs args{reinterpret_cast<uintptr_t>(buffer), static_cast<uint32_t>(size), 0};
-    long rc = ::syscall(SYS_getxattrat, item.dirfd(), item.name(), AT_SYMLINK_NOFOLLOW,
-                        kAttributeName, &args, sizeof args);
-    if (rc >= 0 || errno != ENOSYS) return rc;
-    gNoXattrAt = true;
-  }
-  return ::lgetxattr(reachablePath(item).c_str(), kAttributeName, buffer, size);
+  ssize_t rc = readLabelAt(item.dirfd(), item.name(), buffer, size);
+  if (rc < 0) errno = static_cast<int>(-rc);
+  return rc < 0 ? -1 : rc;
 }
 
 // `flags` as for setxattr(): XATTR_CREATE fails with EEXIST on a labelled file.
 int writeLabel(const Item& item, const unsigned char* bytes, size_t size, int flags) {
-  if (!gNoXattrAt.load(std::memory_order_relaxed)) {
-    XattrArgs args{reinterpret_cast<uintptr_t>(bytes), static_cast<uint32_t>(size),
-                   static_cast<uint32_t>(flags)};
-    long rc = ::syscall(SYS_setxattrat, item.dirfd(), item.name(), AT_SYMLINK_NOFOLLOW,
-                        kAttributeName, &args, sizeof args);
-    if (rc == 0 || errno != ENOSYS) return static_cast<int>(rc);
-    gNoXattrAt = true;
-  }
-  return ::lsetxattr(reachablePath(item).c_str(), kAttributeName, bytes, size, flags);
-}
-
-// Sandboxes answer unknown system calls with EPERM as often as with ENOSYS;
-// either way the path-based calls are used from the start.
-void probeXattrAt(const std::string& root) {
-  unsigned char buffer[kLabelBufferBytes];
-  XattrArgs args{reinterpret_cast<uintptr_t>(buffer), sizeof buffer, 0};
-  long rc = ::syscall(SYS_getxattrat, AT_FDCWD, root.c_str(), AT_SYMLINK_NOFOLLOW, kAttributeName,
-                      &args, sizeof args);
-  gNoXattrAt = rc < 0 && (errno == ENOSYS || errno == EPERM);
+  int rc = writeLabelAt(item.dirfd(), item.name(), bytes, size, flags);
+  if (rc < 0) errno = -rc;
+  return rc < 0 ? -1 : 0;
 }
 
 class BatchQueue {
@@ -242,6 +192,15 @@ struct WorkerState {
   // saves the read; a file found labelled turns reading first back on for a
   // while.
   unsigned readFirst = 0;
+  // While labels are computed and written in a batch, the labels lock is
+  // held shared, so that no user's set, delete or clear interleaves with it.
+  std::optional<StateLock> lock;
+  std::unique_ptr<StateDb> db;  // this worker's own connection, for the rules generation
+  bool guardFailed = false;     // logged once; every entry that needs a label then fails
+  // Without the *xattrat calls, the worker moves its own working directory
+  // into each directory once and reaches entries by their bare names.
+  bool moveCwd = false;
+  DirRef cwd;  // where the working directory is, kept open while it is there
 };
 
 // Undoes the octal escapes (\040 for a blank and so on) of /proc mount tables.
@@ -302,13 +261,39 @@ bool mountPointsUnder(const std::string& root, std::unordered_set<std::string>* 
 class TreeRun {
  public:
   TreeRun(PolicySource& policy, const TreeLabelCache& cache, const EntryStat& root,
-          const std::string& canonicalRoot)
-      : policy_(policy), cache_(cache), root_(root) {
+          const std::string& canonicalRoot, bool guardWrites)
+      : policy_(policy), cache_(cache), root_(root), guardWrites_(guardWrites) {
     // Without a cache to consult, the stat() before the write serves only to
     // guess the label's mode-dependent part and to spot files mounted from
     // elsewhere; knowing the mount points lets the write come first.
     createFirst_ = cache_.size() == 0 && mountPointsUnder(canonicalRoot, &mountPoints_);
   }
+
+  /// The policy for an entry whose label must be computed and written now.
+  /// With writers guarded against, the first such entry of a batch takes the
+  /// labels lock shared and makes sure the policy still has the user-set
+  /// rules in force (they may have changed since it was loaded); null when
+  /// the policy cannot be had (logged).
+  const LabelPolicy* policyFor(WorkerState& worker) {
+    if (guardWrites_ && !worker.lock) {
+      if (worker.guardFailed) return nullptr;
+      std::string error;
+      worker.lock = StateLock::acquire(StateLock::Mode::kShared, &error);
+      if (!worker.db && worker.lock) worker.db = StateDb::open(StateDb::OpenMode::kExisting);
+      if (!worker.lock || !worker.db) {
+        TREE_LOG(ERROR, "cannot guard label writes against other writers: %s",
+                 error.empty() ? "the state database cannot be opened" : error.c_str());
+        worker.guardFailed = true;
+        worker.lock.reset();
+        return nullptr;
+      }
+      policy_.refresh(readRulesGeneration(*worker.db));
+    }
+    return policy_.get();
+  }
+
+  /// Called after each batch: lets writers in.
+  void endBatch(WorkerState& worker) { worker.lock.reset(); }
 
   /// How many entries the last run left verified.
   size_t remembered() const { return cache_.size(); }
@@ -353,7 +338,7 @@ class TreeRun {
       return;
     }
 
-    const LabelPolicy* policy = policy_.get();
+    const LabelPolicy* policy = policyFor(worker);
     if (policy == nullptr) {
       ++stats.failed;  // the loader has said why
       return;
@@ -391,14 +376,34 @@ class TreeRun {
       }
     }
     ++stats.written;
-    // The write moved the change time; remember the one it left. Reading it
-    // also makes file systems with fine-grained change times give any later
-    // change a distinct one.
+    if (cacheable) rememberWritten(item, st, wanted, wantedSize, pathHash, worker);
+  }
+
+  // After a write of our own: the entry is remembered as verified only when
+  // a read made after its stat() still finds exactly the label written. The
+  // write moved the change time; anyone who changes the label or the mode
+  // after that stat() moves it again, so the next run looks at the entry in
+  // full, and a change made between the write and the stat() is seen by the
+  // read. (Reading the change time also makes file systems with
+  // fine-grained change times give any later change a distinct one.)
+  // `statAfterWrite`: a stat already made after the write, if any.
+  void rememberWritten(const Item& item, const struct stat& labelledAs, const unsigned char* wanted,
+                       size_t wantedSize, uint64_t pathHash, WorkerState& worker,
+                       const EntryStat* statAfterWrite = nullptr) {
     EntryStat after;
-    if (cacheable && statEntry(item.dirfd(), item.name(), AT_SYMLINK_NOFOLLOW, &after) == 0 &&
-        after.st.st_dev == st.st_dev && after.st.st_ino == st.st_ino) {
-      verified.push_back(TreeLabelCache::entryFor(after.st, pathHash));
-    }
+    if (statAfterWrite != nullptr)
+      after = *statAfterWrite;
+    else if (statEntry(item.dirfd(), item.name(), AT_SYMLINK_NOFOLLOW, &after) != 0)
+      return;
+    if (after.st.st_dev != labelledAs.st_dev || after.st.st_ino != labelledAs.st_ino ||
+        after.st.st_mode != labelledAs.st_mode || after.st.st_nlink != labelledAs.st_nlink)
+      return;
+    unsigned char current[kLabelBufferBytes];
+    ssize_t currentSize = readLabel(item, current, sizeof current);
+    if (currentSize != static_cast<ssize_t>(wantedSize) ||
+        std::memcmp(current, wanted, wantedSize) != 0)
+      return;
+    worker.verified.push_back(TreeLabelCache::entryFor(after.st, pathHash));
   }
 
   // A file or link not yet looked at, in a run that has nothing cached, on a
@@ -416,7 +421,7 @@ class TreeRun {
   // the usual way (with item.hasStat set when it has been stat'ed), which is
   // also how every failure of the create is reported.
   bool createFirst(Item& item, WorkerState& worker) {
-    const LabelPolicy* policy = policy_.get();
+    const LabelPolicy* policy = policyFor(worker);
     if (policy == nullptr) return false;
     struct stat guess {};
     guess.st_mode = item.type == DT_LNK ? (S_IFLNK | 0777) : (S_IFREG | 0644);
@@ -442,39 +447,37 @@ class TreeRun {
       // Not what the listing said, a hard link, or mounted here since the
       // walk began: the label just created was not wanted, and there was none
       // before it.
-      ::lremovexattr(reachablePath(item).c_str(), kAttributeName);
+      removeLabelAt(item.dirfd(), item.name());
       return false;
     }
     ++stats.seen;
-    if (!LabelPolicy::sameInitLabel(guess.st_mode, st.st_mode)) {
+    bool rewritten = !LabelPolicy::sameInitLabel(guess.st_mode, st.st_mode);
+    if (rewritten) {
       Label label = policy->effectiveLabel(item.path, st);
-      size_t size = label.serializeToBuffer(wanted, sizeof wanted);
-      if (size == 0) {
+      wantedSize = label.serializeToBuffer(wanted, sizeof wanted);
+      if (wantedSize == 0) {
         TREE_LOG(ERROR, "cannot encode the label of %s", item.path.c_str());
         ++stats.failed;
         return true;
       }
-      if (writeLabel(item, wanted, size, 0) != 0) {
+      if (writeLabel(item, wanted, wantedSize, 0) != 0) {
         reportEntryError("cannot write the label of", item, errno, stats);
-        return true;
-      }
-      if (statEntry(item.dirfd(), item.name(), AT_SYMLINK_NOFOLLOW, &item.stat) != 0) {
-        ++stats.written;
         return true;
       }
     }
     ++stats.written;
-    worker.verified.push_back(
-        TreeLabelCache::entryFor(item.stat.st, TreeLabelCache::hashPath(item.path)));
+    rememberWritten(item, st, wanted, wantedSize, TreeLabelCache::hashPath(item.path), worker,
+                    rewritten ? nullptr : &item.stat);
     return true;
   }
 
   void reportEntryError(const char* what, const Item& item, int error, TreeLabelStats& stats) {
-    ++stats.failed;
     if (error == ENOENT) {
+      // Removed meanwhile: nothing left to label.
       TREE_LOG(INFO, "%s vanished during the walk", item.path.c_str());
       return;
     }
+    ++stats.failed;
     if (error == ENOTSUP || error == EROFS) {
       // The whole file system answers alike: say so once, not per file.
       std::lock_guard<std::mutex> lock(onceMutex_);
@@ -489,10 +492,9 @@ class TreeRun {
   // Hard links: the inode is labelled once, through the smallest of its
   // names, after the walk has seen them all.
   void defer(Item item) {
-    if (item.path.size() < PATH_MAX) {
-      item.dir.reset();  // keep no descriptor open for it
-      item.nameOffset = 0;
-    }
+    // No descriptor is kept for it: a tree of hard links would otherwise
+    // hold one per directory. It is reached again from the root.
+    item.dir.reset();
     item.linkResolved = true;
     std::lock_guard<std::mutex> lock(deferredMutex_);
     auto key = std::make_pair(item.stat.st.st_dev, item.stat.st.st_ino);
@@ -504,10 +506,14 @@ class TreeRun {
     }
   }
 
+  /// The deferred entries in path order, so that those of one directory
+  /// come together.
   std::vector<Item> takeDeferred() {
     std::vector<Item> items;
     for (auto& entry : deferred_) items.push_back(std::move(entry.second));
     deferred_.clear();
+    std::sort(items.begin(), items.end(),
+              [](const Item& a, const Item& b) { return a.path < b.path; });
     return items;
   }
 
@@ -517,6 +523,7 @@ class TreeRun {
   PolicySource& policy_;
   const TreeLabelCache& cache_;
   const EntryStat root_;
+  const bool guardWrites_;
   std::mutex deferredMutex_;
   std::map<std::pair<dev_t, ino_t>, Item> deferred_;
   std::mutex onceMutex_;
@@ -555,9 +562,13 @@ class WorkerPool {
 
  private:
   void work(WorkerState& worker) {
+    // Lets the attribute calls' fallback (kernels without the *xattrat
+    // calls) move this thread's working directory into each directory.
+    worker.moveCwd = !usingXattrAt() && usePrivateWorkingDirectory();
     std::vector<Item> batch;
     while (queue_.pop(&batch)) {
       for (Item& item : batch) {
+        if (worker.moveCwd && !enter(item, worker)) continue;
         try {
           run_.process(item, worker);
         } catch (const std::exception& e) {
@@ -565,9 +576,27 @@ class WorkerPool {
           ++worker.stats.failed;
         }
       }
+      run_.endBatch(worker);
       run_.done += batch.size();
       batch.clear();
     }
+  }
+
+  // Moves the worker's working directory into the item's directory, unless
+  // it is there already. False (counted, logged) when it cannot.
+  static bool enter(Item& item, WorkerState& worker) {
+    if (item.dir != worker.cwd) {
+      worker.cwd.reset();
+      if (::fchdir(item.dir->get()) != 0) {
+        TREE_LOG(ERROR, "cannot enter the directory of %s: %s", item.path.c_str(),
+                 std::strerror(errno));
+        ++worker.stats.failed;
+        return false;
+      }
+      worker.cwd = item.dir;
+    }
+    item.inCwd = true;
+    return true;
   }
 
   TreeRun& run_;
@@ -583,7 +612,7 @@ class Batcher {
   explicit Batcher(WorkerPool& pool) : pool_(pool) {}
 
   void add(Item item) {
-    const DirFd* dir = item.dir.get();
+    const UniqueFd* dir = item.dir.get();
     if (dir != lastDir_) {
       if (directories_ == kBatchDirectories) flush();
       lastDir_ = dir;
@@ -605,8 +634,24 @@ class Batcher {
   WorkerPool& pool_;
   std::vector<Item> batch_;
   size_t directories_ = 0;
-  const DirFd* lastDir_ = nullptr;
+  const UniqueFd* lastDir_ = nullptr;
 };
+
+// Opens the directory at the canonical `dirPath` inside the run's root again,
+// one component at a time from the root's descriptor and never through a
+// link, so that nothing a user renamed meanwhile can lead outside the tree.
+UniqueFd reopenBelow(int rootFd, const std::string& rootPath, const std::string& dirPath) {
+  UniqueFd dir(::openat(rootFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  size_t begin = rootPath == "/" ? 1 : rootPath.size() + 1;
+  while (dir && begin < dirPath.size()) {
+    size_t end = dirPath.find('/', begin);
+    if (end == std::string::npos) end = dirPath.size();
+    std::string name = dirPath.substr(begin, end - begin);
+    dir.reset(::openat(dir.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    begin = end + 1;
+  }
+  return dir;
+}
 
 // The directory-walking side: depth first, one open descriptor per directory
 // of the current branch (at most kOpenFrames of them).
@@ -615,15 +660,18 @@ class Walker {
   Walker(TreeRun& run, Batcher& batcher, const std::unordered_set<std::string>& excludes)
       : run_(run), batcher_(batcher), excludes_(excludes), buffer_(64 * 1024) {}
 
-  void walk(const std::string& root, const EntryStat& rootStat) {
-    int fd = ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  /// `rootFd`: the root, opened pinned; it stays open for the whole walk.
+  void walk(int rootFd, const std::string& root, const EntryStat& rootStat) {
+    rootFd_ = rootFd;
+    root_ = root;
+    int fd = ::openat(rootFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) {
       TREE_LOG(ERROR, "cannot open directory %s: %s", root.c_str(), std::strerror(errno));
       ++stats.failed;
       return;
     }
     frames_.push_back(
-        Frame{std::make_shared<DirFd>(fd), root, rootStat.st.st_dev, rootStat.st.st_ino, {}, 0});
+        Frame{std::make_shared<UniqueFd>(fd), root, rootStat.st.st_dev, rootStat.st.st_ino, {}, 0});
     list(frames_.back());
     while (!frames_.empty()) {
       Frame& top = frames_.back();
@@ -648,7 +696,7 @@ class Walker {
         continue;
       }
       frames_.push_back(
-          Frame{std::make_shared<DirFd>(child), std::move(path), sub.dev, sub.ino, {}, 0});
+          Frame{std::make_shared<UniqueFd>(child), std::move(path), sub.dev, sub.ino, {}, 0});
       ++openFrames_;
       if (openFrames_ > kOpenFrames) {
         frames_[frames_.size() - openFrames_].dir.reset();
@@ -727,7 +775,8 @@ class Walker {
   }
 
   // Leaves the current directory. A closed parent is reopened through ".."
-  // of the child (checked to be the same directory), else through its path.
+  // of the child, else from the root; either way it must be the same
+  // directory as before.
   void pop() {
     Frame child = std::move(frames_.back());
     frames_.pop_back();
@@ -737,12 +786,10 @@ class Walker {
     if (parent.dir) return;
     int fd = -1;
     if (child.dir) fd = ::openat(child.dir->get(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0 && parent.path.size() < PATH_MAX) {
-      fd = ::open(parent.path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    }
+    if (fd < 0) fd = reopenBelow(rootFd_, root_, parent.path).release();
     struct stat st;
     if (fd >= 0 && ::fstat(fd, &st) == 0 && st.st_dev == parent.dev && st.st_ino == parent.ino) {
-      parent.dir = std::make_shared<DirFd>(fd);
+      parent.dir = std::make_shared<UniqueFd>(fd);
       ++openFrames_;
       return;
     }
@@ -759,7 +806,45 @@ class Walker {
   std::vector<char> buffer_;
   std::vector<Frame> frames_;
   size_t openFrames_ = 1;  // the root's
+  int rootFd_ = -1;
+  std::string root_;
 };
+
+// Gives deferred hard links their directory again, reopened from the root,
+// and hands each one still the inode the walk saw to the workers; one that
+// was replaced meanwhile is counted as not done.
+void relink(int rootFd, const std::string& root, std::vector<Item>& linked, Batcher& batcher,
+            TreeLabelStats& stats) {
+  DirRef dir;
+  std::string dirPath;
+  bool opened = false;
+  bool dirMissing = false;
+  for (Item& item : linked) {
+    std::string parent =
+        item.nameOffset <= 1 ? std::string("/") : item.path.substr(0, item.nameOffset - 1);
+    if (!opened || parent != dirPath) {
+      opened = true;
+      dirPath = parent;
+      UniqueFd fd = reopenBelow(rootFd, root, parent);
+      dirMissing = !fd;
+      dir = fd ? std::make_shared<UniqueFd>(std::move(fd)) : nullptr;
+      if (dirMissing) {
+        TREE_LOG(ERROR, "cannot reach directory %s again: %s", parent.c_str(),
+                 std::strerror(errno));
+      }
+    }
+    struct stat st;
+    if (dirMissing || ::fstatat(dir->get(), item.name(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+        st.st_dev != item.stat.st.st_dev || st.st_ino != item.stat.st.st_ino) {
+      if (!dirMissing)
+        TREE_LOG(ERROR, "%s was replaced during the walk; not labelled", item.path.c_str());
+      ++stats.failed;
+      continue;
+    }
+    item.dir = dir;
+    batcher.add(std::move(item));
+  }
+}
 
 // The mount point of the file system holding `path`, for the progress line.
 std::string mountPointOf(const std::string& path, const EntryStat& stat) {
@@ -853,11 +938,27 @@ PolicySource::~PolicySource() = default;
 
 const LabelPolicy* PolicySource::get() {
   if (!load_) return policy_;
-  std::call_once(once_, [this] {
-    owned_ = load_();
-    policy_ = owned_.get();
-  });
-  return policy_;
+  if (const LabelPolicy* current = current_.load(std::memory_order_acquire)) return current;
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!loaded_) {
+    loaded_ = true;
+    retired_.push_back(load_());
+    current_.store(retired_.back().get(), std::memory_order_release);
+  }
+  return current_.load(std::memory_order_relaxed);
+}
+
+void PolicySource::refresh(uint64_t generation) {
+  if (!load_) return;
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (knowsGeneration_ && generation != generation_) {
+    // Loaded again on next use. The old one stays alive: nothing uses it
+    // once the rules have changed, but nothing has to prove that either.
+    loaded_ = false;
+    current_.store(nullptr, std::memory_order_release);
+  }
+  knowsGeneration_ = true;
+  generation_ = generation;
 }
 
 int labelTree(const std::string& root, const LabelPolicy& policy, const TreeLabelOptions& options,
@@ -869,26 +970,29 @@ int labelTree(const std::string& root, const LabelPolicy& policy, const TreeLabe
 int labelTree(const std::string& root, PolicySource& policy, const TreeLabelOptions& options,
               TreeLabelStats* stats) {
   TreeLabelStats total;
-  char resolved[PATH_MAX];
-  if (root.empty() || ::realpath(root.c_str(), resolved) == nullptr) {
-    ZLOG_ERROR("cannot label the tree under %s: %s", root.c_str(),
-               root.empty() ? "empty path" : std::strerror(errno));
+  // The root is pinned once; everything below it is reached from its
+  // descriptor.
+  zorv::PinnedEntry rootEntry;
+  std::string error;
+  if (resolvePinned(root, LinkRule::kSafe, true, &rootEntry, &error) != 0) {
+    ZLOG_ERROR("cannot label the tree under %s: %s", root.c_str(), error.c_str());
     return -1;
   }
-  std::string canonicalRoot = resolved;
+  std::string canonicalRoot = rootEntry.path;
+  UniqueFd rootDir;
+  int rc = openPinnedDirectory(rootEntry, &rootDir);
   EntryStat rootStat;
-  if (statEntry(AT_FDCWD, canonicalRoot.c_str(), 0, &rootStat) != 0 ||
-      !S_ISDIR(rootStat.st.st_mode)) {
-    ZLOG_ERROR("cannot label the tree under %s: not a directory", canonicalRoot.c_str());
+  if (rc != 0 || statEntry(rootDir.get(), "", AT_EMPTY_PATH, &rootStat) != 0) {
+    ZLOG_ERROR("cannot label the tree under %s: %s", canonicalRoot.c_str(),
+               rc == -ENOTDIR ? "not a directory" : std::strerror(rc != 0 ? -rc : errno));
     return -1;
   }
   struct statvfs fs;
-  if (::statvfs(canonicalRoot.c_str(), &fs) == 0 && (fs.f_flag & ST_RDONLY) != 0) {
+  if (::fstatvfs(rootDir.get(), &fs) == 0 && (fs.f_flag & ST_RDONLY) != 0) {
     ZLOG_ERROR("cannot label the tree under %s: read-only file system", canonicalRoot.c_str());
     return -1;
   }
   std::unordered_set<std::string> excludes = normaliseExcludes(options.excludes);
-  probeXattrAt(canonicalRoot);
 
   std::vector<std::vector<TreeCacheEntry>> verified;  // one list per worker
   uint64_t fingerprint = policy.fingerprint();
@@ -896,7 +1000,7 @@ int labelTree(const std::string& root, PolicySource& policy, const TreeLabelOpti
   if (!options.cacheFile.empty()) cache.load(options.cacheFile, fingerprint);
 
   try {
-    TreeRun run(policy, cache, rootStat, canonicalRoot);
+    TreeRun run(policy, cache, rootStat, canonicalRoot, options.guardWrites);
     unsigned workers = options.workers;
     if (workers == 0) workers = std::max(1u, std::thread::hardware_concurrency());
     std::unique_ptr<Progress> progress;
@@ -910,12 +1014,15 @@ int labelTree(const std::string& root, PolicySource& policy, const TreeLabelOpti
       WorkerPool pool(run, workers);
       Batcher batcher(pool);
       Item rootItem;
+      rootItem.dir = std::make_shared<UniqueFd>(std::move(rootEntry.dir));
       rootItem.path = canonicalRoot;
+      rootItem.isSlash = rootEntry.name == ".";
+      rootItem.nameOffset = static_cast<uint32_t>(canonicalRoot.size() - rootEntry.name.size());
       rootItem.hasStat = true;
       rootItem.stat = rootStat;
       batcher.add(std::move(rootItem));
       Walker walker(run, batcher, excludes);
-      walker.walk(canonicalRoot, rootStat);
+      walker.walk(rootDir.get(), canonicalRoot, rootStat);
       batcher.flush();
       pool.finish(&total, &verified);
       addStats(total, walker.stats);
@@ -924,7 +1031,7 @@ int labelTree(const std::string& root, PolicySource& policy, const TreeLabelOpti
       if (!linked.empty()) {
         WorkerPool linkPool(run, workers);
         Batcher linkBatcher(linkPool);
-        for (Item& item : linked) linkBatcher.add(std::move(item));
+        relink(rootDir.get(), canonicalRoot, linked, linkBatcher, total);
         linkBatcher.flush();
         linkPool.finish(&total, &verified);
       }
@@ -965,8 +1072,12 @@ int addTagFullSystem(const std::string& root, const std::vector<std::string>& ex
   std::vector<FileRule> rules;
   std::vector<PkgIdRule> packageIds;
   if (!loadFileRules(*db, std::nullopt, &rules) || !loadPkgIds(*db, &packageIds)) return -1;
-  char resolved[PATH_MAX];
-  std::string canonicalRoot = ::realpath(root.c_str(), resolved) != nullptr ? resolved : root;
+  // Resolved as labelTree() resolves it; a root it refuses is refused there.
+  zorv::PinnedEntry rootEntry;
+  std::string canonicalRoot =
+      zorv::resolvePinned(root, zorv::LinkRule::kSafe, true, &rootEntry, nullptr) == 0
+          ? rootEntry.path
+          : root;
   StateDb* state = db.get();
   PolicySource policy(
       [state, canonicalRoot] { return LabelPolicy::loadUnder(state, canonicalRoot); },
@@ -974,10 +1085,18 @@ int addTagFullSystem(const std::string& root, const std::vector<std::string>& ex
 
   TreeLabelOptions options;
   options.excludes = excludes;
+  options.guardWrites = true;
   options.cacheFile = stateDirectory() + "/label-tree.cache";
+  // Tests that fail one system call in turn need a single worker, so that
+  // the Nth call is the same one on every run.
+  if (const char* workers = std::getenv("ZORV_LABELMGR_WORKERS"))
+    options.workers = static_cast<unsigned>(std::strtoul(workers, nullptr, 10));
   TreeLabelStats stats;
   auto start = std::chrono::steady_clock::now();
-  if (labelTree(root, policy, options, &stats) != 0) return -1;
+  if (labelTree(root, policy, options, &stats) != 0) {
+    setLabelSetStatus(*db, kLabelSetIncomplete);
+    return -1;
+  }
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   ZLOG_INFO(
       "labelled the tree under %s in %.3f s: %llu seen (%llu unchanged since the last run), "
@@ -987,11 +1106,17 @@ int addTagFullSystem(const std::string& root, const std::vector<std::string>& ex
       static_cast<unsigned long long>(stats.failed),
       static_cast<unsigned long long>(stats.mountsSkipped),
       static_cast<unsigned long long>(stats.excluded));
-  // A write costs the database a checkpoint with its syncs; repeated runs
-  // find the status already recorded.
-  if (readLabelSetStatus() != 1) setLabelSetStatus(*db, 1);
+  // A run that left files unlabelled says so in the status that -g -b
+  // prints, until a later run labels everything. A write costs the database
+  // its syncs; repeated runs find the status already recorded.
+  int status = stats.failed == 0 ? kLabelSetComplete : kLabelSetIncomplete;
+  if (stats.failed != 0) {
+    ZLOG_ERROR("the tree under %s is not completely labelled: %llu files left undone",
+               stats.root.c_str(), static_cast<unsigned long long>(stats.failed));
+  }
+  if (readLabelSetStatus() != status) setLabelSetStatus(*db, status);
   db.reset();
   publishLabelChange("file label-tree " + stats.root + " " + std::to_string(stats.written) + " " +
-                     std::to_string(stats.seen));
-  return 0;
+                     std::to_string(stats.seen) + " " + std::to_string(stats.failed));
+  return stats.failed == 0 ? 0 : -1;
 }

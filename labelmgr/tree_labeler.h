@@ -19,6 +19,7 @@
 #ifndef ZORV_LABELMGR_TREE_LABELER_H_
 #define ZORV_LABELMGR_TREE_LABELER_H_
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -42,6 +43,10 @@ struct TreeLabelOptions {
   /// Where entries found correctly labelled are remembered between runs
   /// (TreeLabelCache); "" keeps no cache and checks every entry in full.
   std::string cacheFile;
+  /// Hold the labels lock (StateLock) shared around each batch of writes and
+  /// load the policy again when the user-set rules changed meanwhile, so that
+  /// a value a user sets during the run is never overwritten by an older one.
+  bool guardWrites = false;
 };
 
 struct TreeLabelStats {
@@ -62,20 +67,29 @@ class PolicySource {
  public:
   explicit PolicySource(const LabelPolicy& policy);
   /// `fingerprint` as TreeLabelCache::fingerprint() gives it for the rules and
-  /// package ids the loader will see. The loader runs at most once, on a
-  /// worker thread; null means it failed (and said why).
+  /// package ids the loader will see. The loader runs on a worker thread, on
+  /// first use and again after refresh() saw the rules change; null means it
+  /// failed (and said why).
   PolicySource(std::function<std::unique_ptr<LabelPolicy>()> load, uint64_t fingerprint);
   ~PolicySource();
   PolicySource(const PolicySource&) = delete;
   PolicySource& operator=(const PolicySource&) = delete;
 
   const LabelPolicy* get();
+  /// For a loader: the user-set rules now have `generation` (read under the
+  /// labels lock); when that differs from the last one seen, the next get()
+  /// loads the policy again. Thread-safe.
+  void refresh(uint64_t generation);
   uint64_t fingerprint() const { return fingerprint_; }
 
  private:
   std::function<std::unique_ptr<LabelPolicy>()> load_;
-  std::once_flag once_;
-  std::unique_ptr<LabelPolicy> owned_;
+  std::mutex mutex_;
+  std::atomic<const LabelPolicy*> current_{nullptr};
+  std::vector<std::unique_ptr<LabelPolicy>> retired_;  // every policy loaded, the current last
+  bool loaded_ = false;
+  bool knowsGeneration_ = false;
+  uint64_t generation_ = 0;
   const LabelPolicy* policy_ = nullptr;
   uint64_t fingerprint_ = 0;
 };

@@ -1,6 +1,8 @@
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -35,13 +37,15 @@ class TreeLabelerTest : public LabelMgrTest {
     LabelMgrTest::TearDown();
   }
 
-  // Labels root_ through the library; the counts of its summary line, log in log_.
+  // Labels root_ through the library; the counts of its summary line, log in
+  // log_. The result must say whether every file was labelled.
   std::string labelRoot(const std::vector<std::string>& excludes = {}) {
     LogCapture log;
     const int rc = addTagFullSystem(root_, excludes);
     log_ = log.dump();
     const size_t at = log_.find(" s: ");
-    if (rc != 0 || at == std::string::npos) return "failed: " + log_;
+    const bool allDone = log_.find(" 0 failed,") != std::string::npos;
+    if (at == std::string::npos || (rc == 0) != allDone) return "failed: " + log_;
     return log_.substr(at + 4, log_.find('\n', at) - at - 4);
   }
   // Whether the log holds `text` exactly once.
@@ -173,6 +177,77 @@ TEST_F(TreeLabelerTest, TreesDeeperThanPathMax) {
   close(fds[0]);
 }
 
+// Removes `name` in `dirfd` and everything below it, however deep.
+void removeDeep(int parent, const char* name) {
+  int fd = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+  if (fd < 0) {
+    unlinkat(parent, name, 0);
+    return;
+  }
+  DIR* dir = fdopendir(fd);
+  std::vector<std::string> names;
+  while (const dirent* entry = readdir(dir))
+    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
+      names.push_back(entry->d_name);
+  for (const std::string& child : names) removeDeep(dirfd(dir), child.c_str());
+  closedir(dir);
+  unlinkat(parent, name, AT_REMOVEDIR);
+}
+
+// Hard links are labelled after the walk without holding a descriptor each,
+// so a tree of them deeper than the descriptor limit is labelled whole.
+TEST_F(TreeLabelerTest, HardLinksDeeperThanTheDescriptorLimit) {
+  const std::string level(20, 'h');
+  int dir = open(root_.c_str(), O_RDONLY | O_DIRECTORY);
+  for (int i = 0; i < 600; ++i) {
+    ASSERT_EQ(0, mkdirat(dir, level.c_str(), 0755));
+    int next = openat(dir, level.c_str(), O_RDONLY | O_DIRECTORY);
+    close(dir);
+    dir = next;
+    close(openat(dir, "a", O_CREAT | O_RDWR, 0644));
+    ASSERT_EQ(0, linkat(dir, "a", dir, "b", 0));
+  }
+  close(dir);
+  pid_t pid = fork();
+  if (pid == 0) {
+    const rlimit limit{384, 384};
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(3);
+    const std::string counts = labelRoot();
+    _exit(counts.find("1201 seen") == 0 && counts.find(" 0 failed") != std::string::npos &&
+                  getLabelSetStatus() == 1
+              ? 0
+              : 1);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_EQ(0, status);
+  int rootFd = open(root_.c_str(), O_RDONLY | O_DIRECTORY);
+  removeDeep(rootFd, level.c_str());
+  close(rootFd);
+}
+
+// A value a user sets while a run is labelling the tree must survive it: the
+// run computes each batch under the labels lock and sees the new rule. The
+// values are set once the run has begun, on hard-linked files, which a run
+// labels only after the whole walk.
+TEST_F(TreeLabelerTest, ValuesSetDuringARunAreKept) {
+  for (int i = 0; i < 10000; ++i)
+    makeFile("d" + std::to_string(i / 500) + "/f" + std::to_string(i));
+  std::vector<std::string> late;
+  for (int i = 0; i < 4; ++i) {
+    late.push_back(makeFile("late/f" + std::to_string(i)));
+    ASSERT_EQ(0, link(late.back().c_str(), (late.back() + ".2").c_str()));
+  }
+  pid_t pid = fork();
+  if (pid == 0) _exit(addTagFullSystem(root_, {}) == 0 ? 0 : 1);
+  while (!hasLabel(root_)) usleep(200);
+  for (const std::string& file : late) EXPECT_EQ(0, setFileTid(file.c_str(), 7, 0));
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_EQ(0, status);
+  for (const std::string& file : late) EXPECT_EQ(7u, labelOf(file).tid_) << file;
+}
+
 // Without the DAC capabilities, but still writing attributes, root meets mode 000.
 bool dropDirectoryAccessOverride() {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
@@ -195,7 +270,8 @@ TEST_F(TreeLabelerTest, UnreadableDirectoryIsReportedOnceAndTheWalkGoesOn) {
         counts ==
             "4 seen (0 unchanged since the last run), 4 written, 1 failed, 0 mounts skipped, 0 "
             "excluded" &&
-        loggedOnce("cannot open directory " + locked + ": Permission denied");
+        loggedOnce("cannot open directory " + locked + ": Permission denied") &&
+        getLabelSetStatus() == 2;
     if (!ok) std::fprintf(stderr, "%s\n%s", counts.c_str(), log_.c_str());
     _exit(ok ? 0 : 1);
   }

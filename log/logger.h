@@ -10,11 +10,13 @@
 #include <set>
 #include <string>
 
+#include "log/export.h"
+
 namespace log4cpp {
 class Category;
 }
 
-class Logger {
+class ZORV_EXPORT Logger {
  public:
   /// The one logger, configured on first use from the properties file named by
   /// $ZORV_LABEL_LOG_PROPERTIES, or else /etc/zorv/label/zorv-label-log.properties.

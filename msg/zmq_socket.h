@@ -7,7 +7,9 @@
 
 #include <string>
 
-class ZMQSocket {
+#include "log/export.h"
+
+class ZORV_EXPORT ZMQSocket {
  public:
   /// ZeroMQ's own socket-type numbers.
   enum socketType {

@@ -204,7 +204,7 @@ class FullFileSystemTest : public zorv_testing::OwnLibraryTest {
   void SetUp() override {
     zorv_testing::makeDirs(fs_);
     if (unshare(CLONE_NEWNS) == 0) mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
-    if (mount("zorv-fault", fs_.c_str(), "tmpfs", 0, "size=1m,nr_inodes=256") != 0)
+    if (mount("zorv-fault", fs_.c_str(), "tmpfs", 0, "size=1m,nr_inodes=256,mode=0700") != 0)
       GTEST_SKIP() << "cannot mount a tmpfs, errno " << errno;
   }
   void TearDown() override { umount2(fs_.c_str(), MNT_DETACH); }
