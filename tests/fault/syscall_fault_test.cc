@@ -334,14 +334,22 @@ const auto* const kSummary = testing::AddGlobalTestEnvironment(new SummaryPrinte
 // each thread's calls in order.
 using CallLog = std::map<std::string, std::map<std::string, std::vector<std::string>>>;
 
+// A call on "/proc/self/fd/N" gets the path of the descriptor N that the log
+// last saw returned (with -y, "= N</path>") appended as "<path>".
 CallLog readCallLog(const std::string& path) {
   CallLog log;
   static const std::regex call(R"(^(\d+) +([a-z0-9_]+)\()");
+  static const std::regex opened(R"(= (\d+)<([^>]*)>$)");
+  static const std::regex procFd(R"re("/proc/self/fd/(\d+)")re");
+  std::map<std::string, std::string> descriptors;
   std::ifstream in(path);
   std::string line;
   std::smatch m;
-  while (std::getline(in, line))
+  while (std::getline(in, line)) {
+    if (std::regex_search(line, m, opened)) descriptors[m[1]] = m[2];
+    if (std::regex_search(line, m, procFd)) line += " <" + descriptors[m[1]] + ">";
     if (std::regex_search(line, m, call)) log[m[2]][m[1]].push_back(line);
+  }
   return log;
 }
 
@@ -580,8 +588,9 @@ INSTANTIATE_TEST_SUITE_P(Commands, EveryFault,
 // ---- the four faults first found by hand, each aimed at one file
 
 // Fails, with an error and with a kill, the call of each of `kinds` that first
-// touches `path` (by name or through a descriptor), in each mode where strace
-// sees such a call. Answers how many calls were aimed at.
+// touches `path` (by name, through a descriptor, or by its base name alone,
+// which is unique in the scene), in each mode where strace sees such a call. Answers how many calls
+// were aimed at.
 int aimAt(const std::string& commandName, const std::vector<std::string>& kinds,
           const std::function<std::string(const FaultScene&)>& pathOf) {
   Harness harness(commandNamed(commandName));
@@ -591,7 +600,9 @@ int aimAt(const std::string& commandName, const std::vector<std::string>& kinds,
   auto touches = [&](const std::string& line) {
     return line.find("\"" + path + "\"") != std::string::npos ||
            line.find("<" + path + ">") != std::string::npos ||
-           (line.find("<" + dir + ">, \"" + name + "\"") != std::string::npos);
+           line.find("<" + dir + ">, \"" + name + "\"") != std::string::npos ||
+           // a bare name, from a working directory moved into its directory
+           line.find("(\"" + name + "\",") != std::string::npos;
   };
   int aimed = 0;
   Table table;
