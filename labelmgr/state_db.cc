@@ -172,6 +172,13 @@ std::unique_ptr<StateDb> StateDb::open(OpenMode mode, bool* absent) {
   if (create && !readOnlyFs &&
       (!switchToWal(handle, path, kBusyTimeoutMs) || !db->exec(kWalSizeLimit)))
     return nullptr;
+  // In WAL mode a commit is then one write of the log and no sync (syncs come
+  // with checkpoints). A commit that reports failure has therefore not reached
+  // the database: a failed sync can no longer leave a change recorded that
+  // its writer took for lost and undid. What a power failure may take back
+  // is the last commits, as it takes back attribute writes not yet on disk.
+  if (mode != OpenMode::kReadOnly && !readOnlyFs && !db->exec("PRAGMA synchronous=NORMAL"))
+    return nullptr;
   if (mode == OpenMode::kReadOnly || readOnlyFs) {
     int version = userVersion(*db);
     if (version < 0) return nullptr;
