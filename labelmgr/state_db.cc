@@ -138,6 +138,10 @@ std::unique_ptr<StateDb> StateDb::open(OpenMode mode, bool* absent) {
   rc = openStateFile(dir, kDatabaseFile, create ? O_RDWR | O_CREAT : O_RDONLY, 0600, &file, &error);
   if (rc == -EROFS) rc = openStateFile(dir, kDatabaseFile, O_RDONLY, 0, &file, &error);
   std::string path = dir.path + "/" + kDatabaseFile;
+  if (rc == -ENOENT && create) {
+    ZLOG_ERROR("cannot create state database %s: read-only file system", path.c_str());
+    return nullptr;
+  }
   if (rc == -ENOENT) {
     if (absent != nullptr) *absent = true;
     return nullptr;
