@@ -79,8 +79,12 @@ debs() {  # debs VERSION_DIR: our packages, without the debug symbols
 say "build (dpkg-buildpackage -us -uc -b, DEB_BUILD_OPTIONS=nocheck)"
 mkdir "$work/src"
 # The tracked and new files of the work tree, without build trees.
-git ls-files -z --cached --others --exclude-standard |
-    tar --null -T - --ignore-failed-read -cf - 2>/dev/null | tar -xf - -C "$work/src"
+if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
+    git ls-files -z --cached --others --exclude-standard |
+        tar --null -T - --ignore-failed-read -cf - 2>/dev/null | tar -xf - -C "$work/src"
+else
+    tar --exclude='./build*' --exclude='./obj-*' -cf - . | tar -xf - -C "$work/src"
+fi
 build v1
 for deb in $(debs v1); do
     printf '%-48s %7d bytes  Depends: %s\n' "$(basename "$deb")" "$(stat -c %s "$deb")" \
