@@ -48,6 +48,17 @@ done
 
 work=$(mktemp -d)
 scratch=$(mktemp -d)
+planted=()  # a file of another program of the framework
+# Removes the planted file, and the shared directories that were not there
+# before once they are empty.
+remove_planted() {
+    local dir
+    ((${#planted[@]} == 0)) || rm -f "${planted[@]}"
+    planted=()
+    for dir in "${shared_dirs[@]}"; do
+        [[ -n ${existed[$dir]:-} || ! -d $dir ]] || rmdir --ignore-fail-on-non-empty "$dir"
+    done
+}
 cleanup() {
     local status=$?
     # Purging runs our postrm, which removes the state and the logs.
@@ -59,6 +70,7 @@ cleanup() {
         echo "cleaning up: purging ${left[*]}"
         dpkg -P "${left[@]}" >/dev/null || true
     fi
+    remove_planted
     rm -rf "$work" "$scratch"
     exit "$status"
 }
@@ -155,6 +167,12 @@ cmp -s "$work/labels-v1" "$work/labels-v2" || fail "labels differ after the upgr
 echo "labels and state kept"
 
 say "remove (dpkg -r), then purge (dpkg -P)"
+# Another program of the framework logs beside us: purge must leave its log,
+# and so the directory, in place.
+other_log=/var/log/zorv/zorv_policy.log
+[[ ! -e $other_log ]] || fail "$other_log exists already; not touching it"
+echo other >"$other_log"
+planted+=("$other_log")
 dpkg -r "${packages[@]}" >/dev/null
 [[ -e /etc/zorv/label/zorv-label-log.properties && -d /var/lib/zorv/label &&
     -e /var/log/zorv/zorv_label_manager.log ]] || fail "remove took the configuration, state or log"
@@ -171,11 +189,16 @@ done
 for path in "${our_paths[@]}" /var/log/zorv/zorv_label_manager.log.1; do
     [[ ! -e $path ]] || fail "$path left after purge"
 done
+[[ -f $other_log ]] || fail "purge removed $other_log"
+for dir in /etc/zorv /var/lib/zorv; do
+    [[ -n ${existed[$dir]:-} || ! -e $dir ]] || fail "$dir left after purge"
+done
+remove_planted
 for dir in "${shared_dirs[@]}"; do
     if [[ -n ${existed[$dir]:-} ]]; then
         [[ -d $dir ]] || fail "$dir was there before and is gone"
     else
-        [[ ! -e $dir ]] || fail "$dir left after purge"
+        [[ ! -e $dir ]] || fail "$dir is left"
     fi
 done
-echo "purged: no package, file or directory of ours left"
+echo "purged: no package, file or directory of ours left; the other program's log kept"
