@@ -10,7 +10,6 @@
 # Usage: deb_check.sh            (as root; from scripts/check.sh)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-source_dir=$PWD
 
 packages=(zorv-label-manager-tool libzorvcommon1 libzorvcommon-dev libzorvlabelmgr1-tool
           libzorvlabelmgr-tool-dev)
@@ -122,6 +121,27 @@ done
 [[ $(dpkg-query -W -f='${Conffiles}' zorv-label-manager-tool) == *zorv-label-log.properties* ]] ||
     fail "log properties not a conffile"
 ls -ld /var/log/zorv /var/lib/zorv/label
+
+say "a program built against the -dev packages"
+cat >"$work/user.cc" <<'END'
+#include <zorvlabelmgr.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include <log/logger.h>
+
+int main() {
+  char* name = getPkgNameById(0);  // no package has id 0
+  std::printf("package 0: %s\n", name != nullptr ? name : "(none)");
+  std::free(name);
+  ZLOG_INFO("built against the installed development packages");
+  return 0;
+}
+END
+g++ -std=c++17 -o "$work/user" "$work/user.cc" $(pkg-config --cflags --libs zorvlabelmgr) ||
+    fail "cannot build against the -dev packages"
+"$work/user" || fail "the program built against the -dev packages failed"
 
 say "main job on a scratch tree"
 mkdir -p "$scratch/tree/etc" "$scratch/tree/bin"
