@@ -98,8 +98,8 @@ else
 fi
 build v1
 for deb in $(debs v1); do
-    printf '%-48s %7d bytes  Depends: %s\n' "$(basename "$deb")" "$(stat -c %s "$deb")" \
-        "$(dpkg-deb -f "$deb" Depends)"
+    printf '%-44s %7d bytes, installed %4d KiB  Depends: %s\n' "$(basename "$deb")" \
+        "$(stat -c %s "$deb")" "$(dpkg-deb -f "$deb" Installed-Size)" "$(dpkg-deb -f "$deb" Depends)"
 done
 
 say "lintian --fail-on error,warning"
