@@ -1,12 +1,14 @@
 #include "labelmgr/change_bus.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 #include <zmq.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -15,9 +17,9 @@
 
 #include "labelmgr/change_message.h"
 #include "labelmgr/listener_dir.h"
+#include "labelmgr/push_connection.h"
 #include "labelmgr/state_db.h"
 #include "log/logger.h"
-#include "msg/zmq_api_internal.h"
 #include "msg/zmq_socket.h"
 
 namespace zorv::labelmgr {
@@ -26,13 +28,9 @@ namespace {
 constexpr char kListenerDir[] = "listeners";
 
 // How long closing waits for queued messages to leave, for all listeners
-// together. A live listener takes them at once; only one that died after we
-// looked can hold us this long.
+// together. Messages wait only when a listener's socket buffer is full, and
+// a listener that stopped reading cannot hold us longer than this.
 constexpr int kLingerMs = 200;
-// A listener that stopped reading lets this many messages queue before a send
-// would block; it is then dropped for the rest of the process, so that a
-// pattern set never stalls on it.
-constexpr int kSendHighWater = 100000;
 constexpr int kReceiveHighWater = 1000000;
 // Directory timestamps are only as fine as the file system's clock (a whole
 // second on some). Until a listing is this much younger than the mtime it saw,
@@ -49,9 +47,16 @@ int64_t nowNs() {
   return toNs(t);
 }
 
-// The publishing side of one process: one ZeroMQ context (so two threads
-// however many listeners there are) and one PUSH socket per live listener,
-// kept open across messages and closed at exit with one bounded linger.
+int64_t monotonicNs() {
+  timespec t{};
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  return toNs(t);
+}
+
+// The publishing side of one process: one connection per live listener,
+// speaking ZeroMQ's wire protocol itself (push_connection.h), so that it
+// needs no thread and a message costs one write per listener. Connections
+// stay open across messages and are drained at exit within one bounded wait.
 class Publisher {
  public:
   static Publisher& instance() {
@@ -64,23 +69,19 @@ class Publisher {
     adoptProcess();
     refresh();
     if (peers_.empty()) return;
-    const ZmqApi* zmq = zmqApi();
     std::string text = escapeMessageField(message);
     for (size_t i = 0; i < peers_.size();) {
-      zmq_msg_t frame;
-      if (zmq->msg_init_size(&frame, text.size()) == 0) {
-        std::memcpy(zmq->msg_data(&frame), text.data(), text.size());
-        if (zmq->sendmsg(peers_[i].socket, &frame, ZMQ_DONTWAIT) >= 0) {
-          ++i;
-          continue;
-        }
-        zmq->msg_close(&frame);
+      if (peers_[i].connection.send(text)) {
+        ++i;
+        continue;
       }
-      int error = zmq->errnum();
       ZLOG_ERROR("label change message not delivered to listener %s: %s", peers_[i].name.c_str(),
-                 error == EAGAIN ? "it does not read its messages" : zmq->strerror(error));
+                 peers_[i].connection.pendingBytes() > PushConnection::kMaxPendingBytes
+                     ? "it does not read its messages"
+                     : "it has gone away");
       dropPeer(i);
     }
+    settle(true);
   }
 
   void close() {
@@ -92,7 +93,8 @@ class Publisher {
  private:
   struct Peer {
     std::string name;
-    void* socket;
+    PushConnection connection;
+    bool fresh = true;  // connected since the last message
   };
 
   // The logger is built before this object so that it is destroyed after it:
@@ -104,46 +106,67 @@ class Publisher {
     closeAll();
   }
 
-  // Sockets inherited through fork() belong to the parent's ZeroMQ threads,
-  // which do not exist here: closing them would wait forever, so they are
-  // abandoned and this process starts afresh.
+  // Connections inherited through fork() are the parent's: a message written
+  // here could tear one of its messages apart, so the child only closes its
+  // copies and starts afresh.
   void adoptProcess() {
     pid_t pid = ::getpid();
     if (owner_ == pid) return;
-    // Kept reachable rather than leaked, so that leak checkers do not count
-    // this deliberate abandonment against the child.
-    static auto* abandoned = new std::vector<void*>();
-    for (Peer& peer : peers_) abandoned->push_back(peer.socket);
-    if (context_ != nullptr) abandoned->push_back(context_);
     peers_.clear();
-    context_ = nullptr;
     listed_ = false;
     owner_ = pid;
   }
 
-  // Waits for queued messages to leave (at most the linger), then forgets
-  // the listing so that the next message starts afresh.
+  // Waits for queued messages to leave (at most the linger, for all
+  // listeners together), then forgets the listing so that the next message
+  // starts afresh.
   void closeAll() {
-    const ZmqApi* zmq = context_ != nullptr ? zmqApi() : nullptr;
-    for (Peer& peer : peers_) zmq->close(peer.socket);
+    settle(false);
     peers_.clear();
-    if (context_ != nullptr) zmq->ctx_destroy(context_);
-    context_ = nullptr;
     listed_ = false;
     dir_.fd.reset();
+  }
+
+  // Waits at most the linger, on all connections at once, until they have
+  // settled: every one (`freshOnly` false) or those connected for the
+  // message just sent, whose listeners have yet to answer the handshake
+  // before they take it. A long-lived process has no thread to send it
+  // later, and a listener that does not answer in time (stopped) is not
+  // waited for again.
+  void settle(bool freshOnly) {
+    int64_t deadline = monotonicNs() + int64_t{kLingerMs} * 1'000'000;
+    std::vector<pollfd> waits;
+    std::vector<PushConnection*> waiting;
+    for (;;) {
+      waits.clear();
+      waiting.clear();
+      for (Peer& peer : peers_) {
+        if (peer.connection.settled() || (freshOnly && !peer.fresh)) continue;
+        waits.push_back(pollfd{peer.connection.fd(), peer.connection.wantedEvents(), 0});
+        waiting.push_back(&peer.connection);
+      }
+      int64_t leftMs = (deadline - monotonicNs()) / 1'000'000;
+      if (waits.empty() || leftMs <= 0) break;
+      int ready = ::poll(waits.data(), waits.size(), static_cast<int>(leftMs));
+      if (ready < 0 && errno != EINTR) break;
+      for (size_t i = 0; i < waits.size(); ++i) {
+        if (waits[i].revents != 0) waiting[i]->progress();
+      }
+    }
+    for (Peer& peer : peers_) peer.fresh = false;
   }
 
   void refresh() {
     std::string path = stateDirectory() + "/" + kListenerDir;
     if (path != dirPath_) {
-      dropAll();
+      peers_.clear();
       dirPath_ = path;
       listed_ = false;
     }
     struct stat st;
     if (::stat(path.c_str(), &st) != 0) {
       // No listener has ever set up here.
-      dropAll();
+      peers_.clear();
       listed_ = false;
       return;
     }
@@ -185,71 +208,45 @@ class Publisher {
         openStateSubdir(state, kListenerDir, false, &listeners, &error) != 0) {
       if (error != lastError_) ZLOG_ERROR("label change messages not sent: %s", error.c_str());
       lastError_ = error;
-      dropAll();
+      peers_.clear();
       return;
     }
     lastError_.clear();
     dir_ = std::move(listeners);
     std::vector<std::string> live = scanListeners(dir_);
+    std::sort(live.begin(), live.end());
     for (size_t i = 0; i < peers_.size();) {
       // A listener that removed its endpoint has gone away on purpose.
-      bool listed = false;
-      for (const std::string& name : live) listed = listed || name == peers_[i].name;
-      if (listed) {
+      if (std::binary_search(live.begin(), live.end(), peers_[i].name)) {
         ++i;
       } else {
         dropPeer(i);
       }
     }
+    std::vector<std::string> known;
+    for (const Peer& peer : peers_) known.push_back(peer.name);
+    std::sort(known.begin(), known.end());
     for (const std::string& name : live) {
-      if (!connected(name)) connectPeer(name);
+      if (!std::binary_search(known.begin(), known.end(), name)) connectPeer(name);
     }
-  }
-
-  bool connected(const std::string& name) const {
-    for (const Peer& peer : peers_) {
-      if (peer.name == name) return true;
-    }
-    return false;
   }
 
   void connectPeer(const std::string& name) {
-    const ZmqApi* zmq = zmqApi();
-    if (zmq == nullptr) return;  // the loader has said why
-    if (context_ == nullptr && (context_ = zmq->ctx_new()) == nullptr) {
-      ZLOG_ERROR("cannot create a messaging context: %s", zmq->strerror(zmq->errnum()));
+    std::string endpoint = dir_.path + "/" + name + kListenerEndpointSuffix;
+    Peer peer{name, PushConnection(), true};
+    std::string error;
+    if (!peer.connection.connect(endpoint, &error)) {
+      ZLOG_ERROR("cannot connect to label change listener %s: %s", endpoint.c_str(), error.c_str());
       return;
     }
-    std::string endpoint = "ipc://" + dir_.path + "/" + name + kListenerEndpointSuffix;
-    void* socket = zmq->socket(context_, ZMQ_PUSH);
-    int linger = kLingerMs, highWater = kSendHighWater;
-    if (socket == nullptr || zmq->setsockopt(socket, ZMQ_LINGER, &linger, sizeof linger) != 0 ||
-        zmq->setsockopt(socket, ZMQ_SNDHWM, &highWater, sizeof highWater) != 0 ||
-        zmq->connect(socket, endpoint.c_str()) != 0) {
-      ZLOG_ERROR("cannot connect to label change listener %s: %s", endpoint.c_str(),
-                 zmq->strerror(zmq->errnum()));
-      if (socket != nullptr) zmq->close(socket);
-      return;
-    }
-    peers_.push_back(Peer{name, socket});
+    peers_.push_back(std::move(peer));
   }
 
   // Whatever was queued for a dropped listener is discarded.
-  void dropPeer(size_t index) {
-    const ZmqApi* zmq = zmqApi();
-    int linger = 0;
-    zmq->setsockopt(peers_[index].socket, ZMQ_LINGER, &linger, sizeof linger);
-    zmq->close(peers_[index].socket);
-    peers_.erase(peers_.begin() + static_cast<std::ptrdiff_t>(index));
-  }
-
-  void dropAll() {
-    while (!peers_.empty()) dropPeer(peers_.size() - 1);
-  }
+  void dropPeer(size_t index) { peers_.erase(peers_.begin() + static_cast<std::ptrdiff_t>(index)); }
 
   std::mutex mutex_;
   pid_t owner_ = 0;
-  void* context_ = nullptr;
   std::string dirPath_;
   StateDir dir_;
   std::string lastError_;

@@ -4,8 +4,8 @@
 // in the "listeners" directory of the state directory and holds an flock on a
 // lock file beside it for as long as it lives. A publishing process lists that
 // directory, clears away the endpoints of dead listeners (their lock can be
-// taken), and keeps one PUSH socket per live listener for the rest of the
-// process, so that every listener sees every message published after its
+// taken), and keeps one connection per live listener (push_connection.h) for
+// the rest of the process, so that every listener sees every message published after its
 // subscription returned, in the order each publisher sent them. Listeners filter
 // by topic (a byte prefix of the text) themselves. Messages travel escaped
 // (change_message.h), and topics are escaped the same way.
@@ -28,13 +28,14 @@ namespace zorv::labelmgr {
 /// Publishes one label-change message ("file ..." or "pkg ...", raw: control
 /// characters and backslashes in it are escaped here) to every listener.
 /// Never throws and never fails the change: an undeliverable message is
-/// logged and dropped, and a listener whose queue is full is dropped for the
-/// rest of the process. Costs one stat() when nothing changed among the
-/// listeners since the previous call; never blocks on a listener.
+/// logged and dropped, and a listener that lets 32 MB wait unread is dropped
+/// for the rest of the process. Costs one stat() when nothing changed among
+/// the listeners since the previous call; waits (at most 0.2 s, for all of
+/// them at once) only for the handshake of listeners it newly connected to.
 void publishLabelChange(const std::string& message);
 
-/// Closes this process's publisher sockets, waiting at most a bounded linger
-/// for queued messages to leave. The next publishLabelChange() opens them
+/// Closes this process's connections to listeners, waiting at most 0.2 s in
+/// all for queued messages to leave. The next publishLabelChange() opens them
 /// again. Called on its own at process exit.
 void closeLabelChangePublisher();
 

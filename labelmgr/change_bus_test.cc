@@ -155,6 +155,30 @@ TEST_F(ChangeBusTest, ForkedChildOfAPublisherExitsWithoutHanging) {
   EXPECT_EQ("file restore /a child", receive(subscriber));
 }
 
+// A stopped listener answers nothing: publishing waits for its handshake once,
+// within the linger, and never again; closing waits once more at most.
+TEST_F(ChangeBusTest, StoppedListenerDelaysAPublisherOnlyBriefly) {
+  int ready[2];
+  ASSERT_EQ(0, pipe(ready));
+  pid_t pid = fork();
+  if (pid == 0) {
+    Subscriber subscriber = newSubscriber("");
+    (void)!write(ready[1], "y", 1);
+    pause();
+  }
+  char done = 0;
+  ASSERT_EQ(1, read(ready[0], &done, 1));
+  kill(pid, SIGSTOP);
+  Subscriber live = newSubscriber("");
+  auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 20; ++i) publishLabelChange("file init /x " + std::to_string(i));
+  closeLabelChangePublisher();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(800));
+  for (int i = 0; i < 20; ++i) EXPECT_EQ("file init /x " + std::to_string(i), receive(live));
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+}
+
 class ChangeMessagesTest : public ChangeBusTest {
  protected:
   // Everything received up to a marker published from here.

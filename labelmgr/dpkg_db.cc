@@ -127,9 +127,16 @@ class DirResolver {
     } else {
       const std::string& parent = resolve(slash == 0 ? "/" : dir.substr(0, slash));
       struct stat st;
+      int rc = lstat(dir.c_str(), &st);
+      // A directory that is not there holds nothing; one that cannot be
+      // examined might be a link, and keying its files wrongly would label
+      // them as nobody's.
+      if (rc != 0 && errno != ENOENT && errno != ENOTDIR && failedDir_.empty()) {
+        failedDir_ = dir;
+        failure_ = errno;
+      }
       char resolved[PATH_MAX];
-      if (lstat(dir.c_str(), &st) == 0 && S_ISLNK(st.st_mode) &&
-          realpath(dir.c_str(), resolved) != nullptr)
+      if (rc == 0 && S_ISLNK(st.st_mode) && realpath(dir.c_str(), resolved) != nullptr)
         real = resolved;
       else
         real = (parent == "/" ? "" : parent) + dir.substr(slash);
@@ -137,8 +144,14 @@ class DirResolver {
     return cache_.emplace(dir, std::move(real)).first->second;
   }
 
+  /// A listed directory that could not be examined ("" when none), and why.
+  const std::string& failedDir() const { return failedDir_; }
+  int failure() const { return failure_; }
+
  private:
   std::unordered_map<std::string, std::string> cache_;
+  std::string failedDir_;
+  int failure_ = 0;
 };
 
 struct ListFile {
@@ -197,6 +210,11 @@ class ListReader {
       if (filter_.only != nullptr && filter_.only->count(key_) == 0) continue;
       auto [slot, inserted] = owners.emplace(key_, owner);
       if (!inserted && slot->second != owner) slot->second = OwnershipIndex::kShared;
+    }
+    if (!dirs_.failedDir().empty()) {
+      ZLOG_ERROR("cannot examine %s, listed in the dpkg file list %s: %s",
+                 dirs_.failedDir().c_str(), path.c_str(), std::strerror(dirs_.failure()));
+      return false;
     }
     return true;
   }

@@ -90,10 +90,7 @@ int setField(const char* path, int patternMatch, Field field, const uint64_t val
       if (!apply(entry.dirfd, entry.name, entry.path, entry.st)) ++failed;
     });
   }
-  if (!transaction.commit()) {
-    undo.rollBack();
-    return -1;
-  }
+  if (!commitChange(*db, transaction, &undo)) return -1;
   publishChanges(changes);
   if (failed != 0 || !complete) {
     // The rule stays: it governs restore and later labelling, and running
@@ -183,13 +180,13 @@ int delField(const char* path, int patternMatch, Field field) {
   }
   // The rule goes only together with the labels it governed: on any failure
   // both stay as they were, and the same delete can simply be run again.
-  if (!ok || !transaction.commit()) {
+  if (!ok) {
     undo.rollBack();
-    if (!ok)
-      ZLOG_ERROR("user-set %s of %s kept: not every file could be relabelled", fieldName(field),
-                 target.text.c_str());
+    ZLOG_ERROR("user-set %s of %s kept: not every file could be relabelled", fieldName(field),
+               target.text.c_str());
     return -1;
   }
+  if (!commitChange(*db, transaction, &undo)) return -1;
   publishChanges(changes);
   return 0;
 }
@@ -246,10 +243,7 @@ int clearField(Field field) {
     if (deleteFileRule(*db, field, rules[i].isPattern, rules[i].target) < 0) return -1;
   }
   if (kept != rules.size() && !bumpRulesGeneration(*db)) return -1;
-  if (!transaction.commit()) {
-    undo.rollBack();
-    return -1;
-  }
+  if (!commitChange(*db, transaction, &undo)) return -1;
   publishChanges(changes);
   if (kept != 0) {
     ZLOG_ERROR("%zu user-set %s values kept: %zu files could not be relabelled", kept,

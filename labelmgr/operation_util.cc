@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "label/label_attr.h"
@@ -94,7 +95,7 @@ bool updateLabelAt(int dirfd, const char* name, const std::string& path, const s
     ZLOG_ERROR("cannot write the label of %s: %s", path.c_str(), std::strerror(-rc));
     return false;
   }
-  undo->remember(path, st, had, old);
+  if (undo != nullptr) undo->remember(path, st, had, old);
   std::string text = label.toString();
   if (!had || old.toString() != text) changes->push_back("file " + op + " " + path + " " + text);
   return true;
@@ -105,6 +106,25 @@ std::optional<StateLock> lockForChange() {
   std::optional<StateLock> lock = StateLock::acquire(StateLock::Mode::kExclusive, &error);
   if (!lock) ZLOG_ERROR("%s", error.c_str());
   return lock;
+}
+
+bool commitChange(StateDb& db, ImmediateTransaction& transaction, LabelUndo* undo) {
+  uint64_t generation = readRulesGeneration(db);  // as this transaction leaves it
+  if (transaction.commit()) return true;
+  std::unique_ptr<StateDb> fresh = StateDb::open(StateDb::OpenMode::kReadOnly);
+  if (fresh == nullptr) {
+    ZLOG_ERROR(
+        "cannot tell whether the change was recorded; the labels written are kept, and "
+        "running the same command again completes it");
+    return false;
+  }
+  if (readRulesGeneration(*fresh) == generation) {
+    ZLOG_WARN("the change was recorded although its commit reported an error");
+    return true;
+  }
+  if (undo != nullptr) undo->rollBack();
+  ZLOG_ERROR("the change was not recorded; the labels written were put back");
+  return false;
 }
 
 void publishChanges(const std::vector<std::string>& changes) {

@@ -14,13 +14,14 @@
 
 #include "cli/zorvlabelmgr.h"
 #include "label/label.h"
+#include "labelmgr/state_db.h"
 #include "labelmgr/state_lock.h"
 
 namespace zorv::labelmgr {
 
-/// The labels an operation overwrote, so that they can be put back when the
-/// state transaction that the writes belong to fails to commit: the attributes
-/// and the database must keep telling the same story.
+/// The labels an operation overwrote, so that they can be put back when its
+/// state transaction does not commit: the attributes and the database must
+/// keep telling the same story.
 class LabelUndo {
  public:
   /// Remembers the label the file at canonical `path` (inode `st`) carried,
@@ -52,8 +53,8 @@ class LabelUndo {
 /// had none always counts as changed) the message "file <op> <path> <new
 /// label text>" is appended to `changes`. False (logged, naming the file and
 /// the cause) when the file could not be read or written; `changes` is then
-/// untouched. The label it replaced goes to `undo`. The caller holds the
-/// state transaction that serialises writers.
+/// untouched. The label it replaced goes to `undo` (when not null). The
+/// caller holds the state transaction that serialises writers.
 /// With `replaceWhole` the new label does not depend on the current one (a
 /// restore): a current label that cannot be read or decoded is then simply
 /// replaced.
@@ -71,6 +72,16 @@ int readLabelOf(int dirfd, const char* name, const std::string& path, Label* lab
 /// finishes its batch first and sees the change afterwards. Nothing (logged)
 /// when the lock cannot be had.
 std::optional<StateLock> lockForChange();
+
+/// Commits the state transaction of a change whose labels are already
+/// written. A commit that reports failure may still have reached the
+/// database (a failed sync after the log was written), so a fresh connection
+/// looks: when the rules generation the transaction left is there, the change
+/// stands; when it is not, the labels written are put back from `undo`; when
+/// the database cannot be read, the labels are kept, so that running the same
+/// command again completes the change either way. False (logged) when the
+/// change does not stand.
+bool commitChange(StateDb& db, ImmediateTransaction& transaction, LabelUndo* undo);
 
 /// Publishes each message, in order, once the change is committed.
 void publishChanges(const std::vector<std::string>& changes);

@@ -37,10 +37,7 @@ std::string restoreLabel(const std::string& path, bool withRules) {
           [&](Label& current) { current = label; }, withRules ? "restore" : "init", &changes, &undo,
           true))
     return "";
-  if (!transaction.commit()) {
-    undo.rollBack();
-    return "";
-  }
+  if (!lm::commitChange(*db, transaction, &undo)) return "";
   lm::publishChanges(changes);
   return label.toString();
 }

@@ -138,6 +138,10 @@ std::unique_ptr<StateDb> StateDb::open(OpenMode mode, bool* absent) {
   rc = openStateFile(dir, kDatabaseFile, create ? O_RDWR | O_CREAT : O_RDONLY, 0600, &file, &error);
   if (rc == -EROFS) rc = openStateFile(dir, kDatabaseFile, O_RDONLY, 0, &file, &error);
   std::string path = dir.path + "/" + kDatabaseFile;
+  if (rc == -ENOENT && create) {
+    ZLOG_ERROR("cannot create state database %s: read-only file system", path.c_str());
+    return nullptr;
+  }
   if (rc == -ENOENT) {
     if (absent != nullptr) *absent = true;
     return nullptr;
@@ -171,6 +175,13 @@ std::unique_ptr<StateDb> StateDb::open(OpenMode mode, bool* absent) {
   if (!readOnlyFs) keepWalFiles(handle);
   if (create && !readOnlyFs &&
       (!switchToWal(handle, path, kBusyTimeoutMs) || !db->exec(kWalSizeLimit)))
+    return nullptr;
+  // In WAL mode a commit is then one write of the log and no sync (syncs come
+  // with checkpoints). A commit that reports failure has therefore not reached
+  // the database: a failed sync can no longer leave a change recorded that
+  // its writer took for lost and undid. What a power failure may take back
+  // is the last commits, as it takes back attribute writes not yet on disk.
+  if (mode != OpenMode::kReadOnly && !readOnlyFs && !db->exec("PRAGMA synchronous=NORMAL"))
     return nullptr;
   if (mode == OpenMode::kReadOnly || readOnlyFs) {
     int version = userVersion(*db);

@@ -437,7 +437,11 @@ class TreeRun {
     }
     TreeLabelStats& stats = worker.stats;
     if (statEntry(item.dirfd(), item.name(), AT_SYMLINK_NOFOLLOW, &item.stat) != 0) {
-      reportEntryError("cannot stat", item, errno, stats);
+      // The guess cannot be checked: take back the label it created (there
+      // was none before), so that no entry keeps a label that may be wrong.
+      int error = errno;
+      removeLabelAt(item.dirfd(), item.name());
+      reportEntryError("cannot stat", item, error, stats);
       return true;
     }
     item.hasStat = true;
@@ -461,7 +465,9 @@ class TreeRun {
         return true;
       }
       if (writeLabel(item, wanted, wantedSize, 0) != 0) {
-        reportEntryError("cannot write the label of", item, errno, stats);
+        int error = errno;
+        removeLabelAt(item.dirfd(), item.name());  // the guessed one is wrong
+        reportEntryError("cannot write the label of", item, error, stats);
         return true;
       }
     }
@@ -691,7 +697,9 @@ class Walker {
       }
       struct stat st;
       if (::fstat(child, &st) != 0 || st.st_dev != sub.dev || st.st_ino != sub.ino) {
+        // What it held is not labelled: the run is not complete.
         TREE_LOG(WARN, "%s was replaced during the walk; not entered", path.c_str());
+        ++stats.failed;
         ::close(child);
         continue;
       }

@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds and runs every test; then builds the same
 # tree with AddressSanitizer and UndefinedBehaviorSanitizer into build-asan and
-# runs every test again there; then fuzzes each fuzz target for a short while.
+# runs every test again there; then builds the Debian packages and runs them
+# through lintian and an install, upgrade and purge cycle
+# (packaging/deb_check.sh); then fuzzes each fuzz target for a short while.
 # Prints how long each stage took.
 #
 #   SANITIZE=0       skip the sanitizer build and its test run
+#   PACKAGES=0       skip the Debian packages
 #   FUZZ_SECONDS=N   seconds per fuzz target (default 60); 0 skips fuzzing
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -53,6 +56,11 @@ if [[ ${SANITIZE:-1} != 0 ]]; then
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
         ctest --test-dir build-asan --output-on-failure -j"$jobs"
     stage_done "sanitizer tests"
+fi
+
+if [[ ${PACKAGES:-1} != 0 ]]; then
+    bash packaging/deb_check.sh
+    stage_done "Debian packages"
 fi
 
 if [[ ${FUZZ_SECONDS:-60} != 0 ]]; then

@@ -8,6 +8,7 @@ packages=(
   googletest libgtest-dev libgmock-dev
   attr strace
   dpkg-dev file man-db
+  debhelper lintian logrotate
   clang-14 libclang-rt-14-dev
 )
 
