@@ -164,7 +164,10 @@ int main(int argc, char** argv) {
       response->flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
       if (nr == number && call == nth) {
         if (mode == "kill") {
+          // No answer: the call stays waiting, never made, until the kill
+          // ends it, as strace's kill on entering a call does.
           kill(static_cast<pid_t>(request->pid), SIGKILL);
+          continue;
         } else {
           response->flags = 0;
           response->error = static_cast<int>(-error);
