@@ -56,6 +56,9 @@ constexpr size_t kQueuedBatches = 16;
 constexpr size_t kOpenFrames = 64;
 constexpr auto kProgressInterval = std::chrono::milliseconds(250);
 constexpr unsigned kReadFirstAfterLabelled = 64;
+// How long a worker keeps the labels lock across batches: a user's set waits
+// at most about this long (plus one batch) for a whole-tree run.
+constexpr auto kLockHold = std::chrono::milliseconds(10);
 
 // The Logger's category cache is not thread-safe; the walker and the workers
 // log through this lock.
@@ -150,8 +153,16 @@ class BatchQueue {
     batches_.push_back(std::move(batch));
     notEmpty_.notify_one();
   }
-  bool pop(std::vector<Item>* batch) {
+  /// Waits for the next batch; false once closed and drained. `beforeWait`
+  /// runs (without the queue's lock) when there is none yet.
+  template <typename BeforeWait>
+  bool pop(std::vector<Item>* batch, BeforeWait beforeWait) {
     std::unique_lock<std::mutex> lock(mutex_);
+    if (batches_.empty() && !closed_) {
+      lock.unlock();
+      beforeWait();
+      lock.lock();
+    }
     notEmpty_.wait(lock, [this] { return !batches_.empty() || closed_; });
     if (batches_.empty()) return false;
     *batch = std::move(batches_.front());
@@ -195,6 +206,7 @@ struct WorkerState {
   // While labels are computed and written in a batch, the labels lock is
   // held shared, so that no user's set, delete or clear interleaves with it.
   std::optional<StateLock> lock;
+  std::chrono::steady_clock::time_point lockedAt;
   std::unique_ptr<StateDb> db;  // this worker's own connection, for the rules generation
   bool guardFailed = false;     // logged once; every entry that needs a label then fails
   // Without the *xattrat calls, the worker moves its own working directory
@@ -279,6 +291,7 @@ class TreeRun {
       if (worker.guardFailed) return nullptr;
       std::string error;
       worker.lock = StateLock::acquire(StateLock::Mode::kShared, &error);
+      worker.lockedAt = std::chrono::steady_clock::now();
       if (!worker.db && worker.lock) worker.db = StateDb::open(StateDb::OpenMode::kExisting);
       if (!worker.lock || !worker.db) {
         TREE_LOG(ERROR, "cannot guard label writes against other writers: %s",
@@ -292,8 +305,13 @@ class TreeRun {
     return policy_.get();
   }
 
-  /// Called after each batch: lets writers in.
-  void endBatch(WorkerState& worker) { worker.lock.reset(); }
+  /// Called after each batch: lets writers in once the lock has been held
+  /// for kLockHold (taking it costs a few system calls and a database read,
+  /// too much to pay for every batch), and always with `last`.
+  void endBatch(WorkerState& worker, bool last = false) {
+    if (worker.lock && (last || std::chrono::steady_clock::now() - worker.lockedAt >= kLockHold))
+      worker.lock.reset();
+  }
 
   /// How many entries the last run left verified.
   size_t remembered() const { return cache_.size(); }
@@ -572,7 +590,8 @@ class WorkerPool {
     // calls) move this thread's working directory into each directory.
     worker.moveCwd = !usingXattrAt() && usePrivateWorkingDirectory();
     std::vector<Item> batch;
-    while (queue_.pop(&batch)) {
+    // A worker about to wait for work lets writers in first.
+    while (queue_.pop(&batch, [&] { run_.endBatch(worker, true); })) {
       for (Item& item : batch) {
         if (worker.moveCwd && !enter(item, worker)) continue;
         try {
@@ -586,6 +605,7 @@ class WorkerPool {
       run_.done += batch.size();
       batch.clear();
     }
+    run_.endBatch(worker, true);
   }
 
   // Moves the worker's working directory into the item's directory, unless
