@@ -1119,6 +1119,10 @@ int addTagFullSystem(const std::string& root, const std::vector<std::string>& ex
   // the Nth call is the same one on every run.
   if (const char* workers = std::getenv("ZORV_LABELMGR_WORKERS"))
     options.workers = static_cast<unsigned>(std::strtoul(workers, nullptr, 10));
+  // Until the run has labelled everything the status says it has not, so
+  // that a run killed midway is not taken for a complete one.
+  int before = readLabelSetStatus();
+  if (before != kLabelSetIncomplete && !setLabelSetStatus(*db, kLabelSetIncomplete)) return -1;
   TreeLabelStats stats;
   auto start = std::chrono::steady_clock::now();
   if (labelTree(root, policy, options, &stats) != 0) {
@@ -1135,14 +1139,13 @@ int addTagFullSystem(const std::string& root, const std::vector<std::string>& ex
       static_cast<unsigned long long>(stats.mountsSkipped),
       static_cast<unsigned long long>(stats.excluded));
   // A run that left files unlabelled says so in the status that -g -b
-  // prints, until a later run labels everything. A write costs the database
-  // its syncs; repeated runs find the status already recorded.
+  // prints, until a later run labels everything.
   int status = stats.failed == 0 ? kLabelSetComplete : kLabelSetIncomplete;
   if (stats.failed != 0) {
     ZLOG_ERROR("the tree under %s is not completely labelled: %llu files left undone",
                stats.root.c_str(), static_cast<unsigned long long>(stats.failed));
   }
-  if (readLabelSetStatus() != status) setLabelSetStatus(*db, status);
+  if (status != kLabelSetIncomplete) setLabelSetStatus(*db, status);
   db.reset();
   publishLabelChange("file label-tree " + stats.root + " " + std::to_string(stats.written) + " " +
                      std::to_string(stats.seen) + " " + std::to_string(stats.failed));
