@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -25,21 +26,53 @@ using zorv::labelmgr::closeLabelChangePublisher;
 using zorv::labelmgr::labelChangeListenerDir;
 using zorv::labelmgr::publishLabelChange;
 
-// A process publishing `count` messages of three kinds and closing as a tool
-// run does; it exits 4 when that took over `maxMs` > 0, dies of SIGALRM if hung.
-pid_t startPublisher(int id, int count, int maxMs = 0) {
-  pid_t pid = fork();
-  if (pid != 0) return pid;
-  alarm(30);
+// What a publisher process does: `count` messages of three kinds, then a
+// close as a tool run does; exit 4 when that took over `maxMs` > 0.
+int publish(int id, int count, int maxMs) {
   static const char* const kKinds[] = {"file set-oid", "file del-oid", "pkg set-id"};
   auto start = std::chrono::steady_clock::now();
   for (int i = 0; i < count; ++i)
     publishLabelChange(std::string(kKinds[i % 3]) + " /t/p" + std::to_string(id) + " " +
                        std::to_string(i));
   closeLabelChangePublisher();
-  _exit(maxMs > 0 && std::chrono::steady_clock::now() - start > std::chrono::milliseconds(maxMs)
-            ? 4
-            : 0);
+  return maxMs > 0 && std::chrono::steady_clock::now() - start > std::chrono::milliseconds(maxMs)
+             ? 4
+             : 0;
+}
+
+// Runs publish() in a fresh process: this test program again, told by
+// ZORV_TEST_PUBLISHER to run PublisherProcess.Run alone. A plain fork() would
+// copy the listeners' messaging threads' locks (the sanitizers' allocator
+// among them) in whatever state they were, and the child could hang on one.
+// The child dies of SIGALRM if hung.
+pid_t startPublisher(int id, int count, int maxMs = 0) {
+  std::string spec = "ZORV_TEST_PUBLISHER=" + std::to_string(id) + "," + std::to_string(count) +
+                     "," + std::to_string(maxMs);
+  std::vector<std::string> env;
+  for (char** e = environ; *e != nullptr; ++e) env.push_back(*e);
+  env.push_back(spec);
+  std::vector<char*> envp;
+  for (std::string& entry : env) envp.push_back(entry.data());
+  envp.push_back(nullptr);
+  char self[] = "/proc/self/exe";
+  char filter[] = "--gtest_filter=PublisherProcess.Run";
+  char* argv[] = {self, filter, nullptr};
+  pid_t pid = fork();
+  if (pid == 0) {
+    execve(self, argv, envp.data());
+    _exit(127);
+  }
+  return pid;
+}
+
+// The publisher process's body (skipped in a normal run).
+TEST(PublisherProcess, Run) {
+  const char* spec = std::getenv("ZORV_TEST_PUBLISHER");
+  if (spec == nullptr) GTEST_SKIP() << "run by the bus tests in a process of its own";
+  int id = 0, count = 0, maxMs = 0;
+  if (std::sscanf(spec, "%d,%d,%d", &id, &count, &maxMs) != 3) _exit(3);
+  alarm(30);
+  _exit(publish(id, count, maxMs));
 }
 
 int exitStatus(pid_t pid) {
