@@ -46,11 +46,11 @@ int publish(int id, int count, int maxMs) {
 // among them) in whatever state they were, and the child could hang on one.
 // The child dies of SIGALRM if hung.
 pid_t startPublisher(int id, int count, int maxMs = 0) {
-  std::string spec = "ZORV_TEST_PUBLISHER=" + std::to_string(id) + "," + std::to_string(count) +
-                     "," + std::to_string(maxMs);
+  std::string request = "ZORV_TEST_PUBLISHER=" + std::to_string(id) + "," + std::to_string(count) +
+                        "," + std::to_string(maxMs);
   std::vector<std::string> env;
   for (char** e = environ; *e != nullptr; ++e) env.push_back(*e);
-  env.push_back(spec);
+  env.push_back(request);
   std::vector<char*> envp;
   for (std::string& entry : env) envp.push_back(entry.data());
   envp.push_back(nullptr);
@@ -67,10 +67,10 @@ pid_t startPublisher(int id, int count, int maxMs = 0) {
 
 // The publisher process's body (skipped in a normal run).
 TEST(PublisherProcess, Run) {
-  const char* spec = std::getenv("ZORV_TEST_PUBLISHER");
-  if (spec == nullptr) GTEST_SKIP() << "run by the bus tests in a process of its own";
+  const char* request = std::getenv("ZORV_TEST_PUBLISHER");
+  if (request == nullptr) GTEST_SKIP() << "run by the bus tests in a process of its own";
   int id = 0, count = 0, maxMs = 0;
-  if (std::sscanf(spec, "%d,%d,%d", &id, &count, &maxMs) != 3) _exit(3);
+  if (std::sscanf(request, "%d,%d,%d", &id, &count, &maxMs) != 3) _exit(3);
   alarm(30);
   _exit(publish(id, count, maxMs));
 }
@@ -92,6 +92,24 @@ Subscriber newSubscriber(const char* topic) {
 std::string receive(const Subscriber& subscriber) {
   std::string text;
   return subscriber->receive(text) == 0 ? text : "(failed)";
+}
+
+// A listener on every topic in a child process that waits to be killed;
+// answers once it is subscribed, -1 when it could not be started.
+pid_t startListenerProcess() {
+  int ready[2];
+  if (pipe(ready) != 0) return -1;
+  pid_t pid = fork();
+  if (pid == 0) {
+    Subscriber subscriber = newSubscriber("");
+    (void)!write(ready[1], "y", 1);
+    pause();
+  }
+  char done = 0;
+  bool subscribed = read(ready[0], &done, 1) == 1;
+  close(ready[0]);
+  close(ready[1]);
+  return subscribed ? pid : -1;
 }
 
 class ChangeBusTest : public LabelMgrTest {
@@ -150,16 +168,8 @@ TEST_F(ChangeBusTest, StaleEndpointsOfDeadListenersAreClearedWithoutStalling) {
 }
 
 TEST_F(ChangeBusTest, ListenerDyingWhileConnectedIsDropped) {
-  int ready[2];
-  ASSERT_EQ(0, pipe(ready));
-  pid_t pid = fork();
-  if (pid == 0) {
-    Subscriber subscriber = newSubscriber("");
-    (void)!write(ready[1], "y", 1);
-    pause();
-  }
-  char done = 0;
-  ASSERT_EQ(1, read(ready[0], &done, 1));
+  pid_t pid = startListenerProcess();
+  ASSERT_GT(pid, 0);
   publishLabelChange("file init /x connected");
   kill(pid, SIGKILL);
   waitpid(pid, nullptr, 0);
@@ -191,16 +201,8 @@ TEST_F(ChangeBusTest, ForkedChildOfAPublisherExitsWithoutHanging) {
 // A stopped listener answers nothing: publishing waits for its handshake once,
 // within the linger, and never again; closing waits once more at most.
 TEST_F(ChangeBusTest, StoppedListenerDelaysAPublisherOnlyBriefly) {
-  int ready[2];
-  ASSERT_EQ(0, pipe(ready));
-  pid_t pid = fork();
-  if (pid == 0) {
-    Subscriber subscriber = newSubscriber("");
-    (void)!write(ready[1], "y", 1);
-    pause();
-  }
-  char done = 0;
-  ASSERT_EQ(1, read(ready[0], &done, 1));
+  pid_t pid = startListenerProcess();
+  ASSERT_GT(pid, 0);
   kill(pid, SIGSTOP);
   Subscriber live = newSubscriber("");
   auto start = std::chrono::steady_clock::now();
