@@ -53,14 +53,24 @@ bool stickyAndOpen(const struct stat& dir) {
   return (dir.st_mode & S_ISVTX) != 0 && (dir.st_mode & S_IWOTH) != 0;
 }
 
+UniqueFd openRoot(int rootFd) {
+  return UniqueFd(rootFd < 0 ? ::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC)
+                             : ::openat(rootFd, ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
+
 }  // namespace
 
 int resolvePinned(const std::string& path, LinkRule rule, bool followLast, PinnedEntry* entry,
                   std::string* error) {
+  return resolvePinnedIn(-1, path, rule, followLast, entry, error);
+}
+
+int resolvePinnedIn(int rootFd, const std::string& path, LinkRule rule, bool followLast,
+                    PinnedEntry* entry, std::string* error) {
   if (path.empty()) return fail(ENOENT, error, "empty path");
   std::deque<Step> steps;
   pushComponents(path, &steps);
-  if (path[0] != '/') {
+  if (path[0] != '/' && rootFd < 0) {
     char cwd[PATH_MAX];
     if (::getcwd(cwd, sizeof cwd) == nullptr)
       return fail(errno, error, "cannot resolve " + path + ": " + std::strerror(errno));
@@ -69,7 +79,7 @@ int resolvePinned(const std::string& path, LinkRule rule, bool followLast, Pinne
 
   // The object reached so far (always a directory until the last step), its
   // canonical path and the directory it was found in.
-  UniqueFd current(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd current = openRoot(rootFd);
   if (!current) return fail(errno, error, std::string("cannot open /: ") + std::strerror(errno));
   struct stat currentStat;
   if (::fstat(current.get(), &currentStat) != 0)
@@ -144,7 +154,7 @@ int resolvePinned(const std::string& path, LinkRule rule, bool followLast, Pinne
       target[size] = '\0';
       pushComponents(target, &steps);
       if (target[0] == '/') {
-        UniqueFd root(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+        UniqueFd root = openRoot(rootFd);
         if (!root || ::fstat(root.get(), &currentStat) != 0)
           return fail(errno, error, std::string("cannot open /: ") + std::strerror(errno));
         current = std::move(root);

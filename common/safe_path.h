@@ -45,6 +45,12 @@ enum class LinkRule {
 /// many links.
 int resolvePinned(const std::string& path, LinkRule rule, bool followLast, PinnedEntry* entry,
                   std::string* error);
+/// As resolvePinned, with the directory `rootFd` taken for "/": ".." and
+/// absolute link targets never lead out of it, a relative `path` starts
+/// there too, and `entry->path` is the path as seen from inside it (a system
+/// image's own view). A negative `rootFd` is the real "/".
+int resolvePinnedIn(int rootFd, const std::string& path, LinkRule rule, bool followLast,
+                    PinnedEntry* entry, std::string* error);
 
 /// Opens the directory an entry names, for reading its entries and for *at()
 /// calls: O_RDONLY | O_DIRECTORY | O_NOFOLLOW relative to the entry's

@@ -14,6 +14,7 @@
 #include <memory>
 #include <string_view>
 
+#include "labelmgr/image_root.h"
 #include "log/logger.h"
 
 namespace zorv::labelmgr {
@@ -117,6 +118,8 @@ namespace {
 // answer; only a link is resolved whole.
 class DirResolver {
  public:
+  explicit DirResolver(const ImageRoot* image) : image_(image) {}
+
   const std::string& resolve(const std::string& dir) {
     auto found = cache_.find(dir);
     if (found != cache_.end()) return found->second;
@@ -127,7 +130,11 @@ class DirResolver {
     } else {
       const std::string& parent = resolve(slash == 0 ? "/" : dir.substr(0, slash));
       struct stat st;
-      int rc = lstat(dir.c_str(), &st);
+      std::string inParent = (parent == "/" ? "" : parent) + dir.substr(slash);
+      // In an image, only the last component may still be a link.
+      int rc = image_ == nullptr
+                   ? lstat(dir.c_str(), &st)
+                   : fstatat(image_->fd(), inParent.c_str() + 1, &st, AT_SYMLINK_NOFOLLOW);
       // A directory that is not there holds nothing; one that cannot be
       // examined might be a link, and keying its files wrongly would label
       // them as nobody's.
@@ -136,10 +143,12 @@ class DirResolver {
         failure_ = errno;
       }
       char resolved[PATH_MAX];
-      if (rc == 0 && S_ISLNK(st.st_mode) && realpath(dir.c_str(), resolved) != nullptr)
+      if (rc == 0 && S_ISLNK(st.st_mode) && image_ != nullptr)
+        real = image_->canonical(inParent);
+      else if (rc == 0 && S_ISLNK(st.st_mode) && realpath(dir.c_str(), resolved) != nullptr)
         real = resolved;
       else
-        real = (parent == "/" ? "" : parent) + dir.substr(slash);
+        real = std::move(inParent);
     }
     return cache_.emplace(dir, std::move(real)).first->second;
   }
@@ -149,6 +158,7 @@ class DirResolver {
   int failure() const { return failure_; }
 
  private:
+  const ImageRoot* image_;
   std::unordered_map<std::string, std::string> cache_;
   std::string failedDir_;
   int failure_ = 0;
@@ -171,7 +181,7 @@ struct ListFilter {
 // Reads file lists one after another into one index.
 class ListReader {
  public:
-  explicit ListReader(const ListFilter& filter) : filter_(filter) {}
+  ListReader(const ListFilter& filter, const ImageRoot* image) : filter_(filter), dirs_(image) {}
 
   /// False (logged) when the list cannot be read whole.
   bool read(const std::string& path, uint32_t owner) {
@@ -245,7 +255,8 @@ class ListReader {
 }  // namespace
 
 bool OwnershipIndex::load(const std::string& dpkgDir, const std::vector<std::string>& packages,
-                          const std::unordered_set<std::string>* only, const std::string* under) {
+                          const std::unordered_set<std::string>* only, const std::string* under,
+                          const ImageRoot* image) {
   owners_.clear();
   ListFilter filter;
   // With a short list of wanted paths, most listed lines are passed over on
@@ -294,7 +305,8 @@ bool OwnershipIndex::load(const std::string& dpkgDir, const std::vector<std::str
     }
   }
 
-  ListReader reader(filter);
+  if (image != nullptr && image->isSystem()) image = nullptr;
+  ListReader reader(filter, image);
   if (only == nullptr) reader.owners.reserve(1 << 17);
   for (const ListFile& list : lists) {
     if (!reader.read(infoDir + "/" + list.name, list.owner)) return false;

@@ -12,6 +12,8 @@
 
 namespace zorv::labelmgr {
 
+class ImageRoot;
+
 /// $ZORV_LABELMGR_DPKG_DIR when set and non-empty, else /var/lib/dpkg.
 std::string dpkgDirectory();
 
@@ -35,12 +37,14 @@ class OwnershipIndex {
   /// those canonical paths are indexed, which is much cheaper than indexing
   /// all of a full system's lists. With `under` (a canonical directory), just
   /// the paths inside it are indexed.
+  /// With `image`, listed paths are those of that image and its links are
+  /// resolved inside it.
   /// False (logged) when the info directory or a listed package's file
   /// list exists but cannot be read whole; a machine without the directory
   /// has no lists.
   bool load(const std::string& dpkgDir, const std::vector<std::string>& packages,
             const std::unordered_set<std::string>* only = nullptr,
-            const std::string* under = nullptr);
+            const std::string* under = nullptr, const ImageRoot* image = nullptr);
 
   /// Index into the `packages` given to load() of the one package that lists
   /// `canonicalPath`; kNoOwner when none does, and also when several do

@@ -7,27 +7,32 @@
 
 namespace zorv::labelmgr {
 
-std::unique_ptr<LabelPolicy> LabelPolicy::load(StateDb* db) { return load(db, nullptr); }
-
-std::unique_ptr<LabelPolicy> LabelPolicy::loadFor(StateDb* db,
-                                                  const std::vector<std::string>& canonicalPaths) {
-  std::unordered_set<std::string> only(canonicalPaths.begin(), canonicalPaths.end());
-  return load(db, &only);
+std::unique_ptr<LabelPolicy> LabelPolicy::load(StateDb* db) {
+  return load(db, nullptr, nullptr, nullptr);
 }
 
-std::unique_ptr<LabelPolicy> LabelPolicy::loadUnder(StateDb* db, const std::string& root) {
-  return load(db, nullptr, &root);
+std::unique_ptr<LabelPolicy> LabelPolicy::loadFor(StateDb* db,
+                                                  const std::vector<std::string>& canonicalPaths,
+                                                  const ImageRoot* image) {
+  std::unordered_set<std::string> only(canonicalPaths.begin(), canonicalPaths.end());
+  return load(db, &only, nullptr, image);
+}
+
+std::unique_ptr<LabelPolicy> LabelPolicy::loadUnder(StateDb* db, const std::string& root,
+                                                    const ImageRoot* image) {
+  return load(db, nullptr, &root, image);
 }
 
 std::unique_ptr<LabelPolicy> LabelPolicy::load(StateDb* db,
                                                const std::unordered_set<std::string>* only,
-                                               const std::string* under) {
+                                               const std::string* under, const ImageRoot* image) {
   std::vector<FileRule> rules;
   if (db != nullptr && !loadFileRules(*db, std::nullopt, &rules)) return nullptr;
   std::unique_ptr<LabelPolicy> policy(new LabelPolicy(std::move(rules)));
-  std::string dpkgDir = dpkgDirectory();
+  std::string dpkgDir = image != nullptr ? image->dpkgDirectory() : dpkgDirectory();
   if (!policy->packageIds_.load(db, dpkgDir)) return nullptr;
-  if (!policy->owners_.load(dpkgDir, policy->packageIds_.installed(), only, under)) return nullptr;
+  if (!policy->owners_.load(dpkgDir, policy->packageIds_.installed(), only, under, image))
+    return nullptr;
   return policy;
 }
 
@@ -69,9 +74,14 @@ class NameDigests {
 }  // namespace
 
 Id LabelPolicy::policyOid(const std::string& canonicalPath) const {
+  uint32_t owner;
+  return policyOid(canonicalPath, &owner);
+}
+
+Id LabelPolicy::policyOid(const std::string& canonicalPath, uint32_t* owner) const {
   Id oid;
-  uint32_t owner = owners_.ownerOf(canonicalPath);
-  if (owner != OwnershipIndex::kNoOwner) oid.pkg_ = packageIds_.idOfInstalled(owner);
+  *owner = owners_.ownerOf(canonicalPath);
+  if (*owner != OwnershipIndex::kNoOwner) oid.pkg_ = packageIds_.idOfInstalled(*owner);
   size_t slash = canonicalPath.rfind('/');
   std::string_view name = canonicalPath == "/" || slash == std::string::npos
                               ? std::string_view(canonicalPath)
@@ -91,14 +101,42 @@ Label LabelPolicy::initLabel(const std::string& canonicalPath, const struct stat
   return label;
 }
 
-Label LabelPolicy::effectiveLabel(const std::string& canonicalPath, const struct stat& st) const {
-  Label label = initLabel(canonicalPath, st);
-  if (rules_.all().empty()) return label;  // spares hashing the path once per field
-  for (Field field : {Field::kOid, Field::kSid, Field::kTid, Field::kInheritFlag}) {
-    if (const FileRule* rule = rules_.decidingRule(field, canonicalPath))
-      setLabelField(label, field, rule->value);
+LabelEvaluation LabelPolicy::evaluate(const std::string& canonicalPath,
+                                      const struct stat& st) const {
+  LabelEvaluation result;
+  Label& label = result.label;
+  label.oid_ = policyOid(canonicalPath, &result.owner);
+  bool sid = carriesSid(st.st_mode);
+  if (sid) label.sid_ = label.oid_;
+  if (result.owner != OwnershipIndex::kNoOwner) {
+    result.source[static_cast<int>(Field::kOid)] = ValueSource::kPackage;
+    if (sid) result.source[static_cast<int>(Field::kSid)] = ValueSource::kPackage;
   }
-  return label;
+  if (rules_.all().empty()) return result;  // spares hashing the path once per field
+  for (Field field : {Field::kOid, Field::kSid, Field::kTid, Field::kInheritFlag}) {
+    if (const FileRule* rule = rules_.decidingRule(field, canonicalPath)) {
+      setLabelField(label, field, rule->value);
+      int index = static_cast<int>(field);
+      result.source[index] = rule->isPattern ? ValueSource::kPatternRule : ValueSource::kExactRule;
+      result.rule[index] = rule;
+    }
+  }
+  return result;
+}
+
+std::string LabelPolicy::describe(const LabelEvaluation& evaluation, Field field) const {
+  int index = static_cast<int>(field);
+  switch (evaluation.source[index]) {
+    case ValueSource::kDefault:
+      break;
+    case ValueSource::kPackage:
+      return "package " + packageIds_.installed()[evaluation.owner];
+    case ValueSource::kExactRule:
+      return "exact rule";
+    case ValueSource::kPatternRule:
+      return "pattern rule " + evaluation.rule[index]->target;
+  }
+  return "default policy";
 }
 
 void getLabelField(const Label& label, Field field, uint64_t value[3]) {

@@ -11,7 +11,10 @@
 //   SID  the OID for a regular file with any execute bit, else zero.
 //   TID, inherit flag and creator OID: zero.
 // Effective label: each of OID, SID, TID and inherit flag taken from the rule
-// that decides it (RuleSet::decidingRule) when there is one.
+// that decides it (RuleSet::decidingRule) when there is one. evaluate()
+// computes it together with where each field comes from; everything that
+// labels or judges a label (restore, whole-tree labelling, the audit) goes
+// through it.
 #ifndef ZORV_LABELMGR_LABEL_POLICY_H_
 #define ZORV_LABELMGR_LABEL_POLICY_H_
 
@@ -24,11 +27,30 @@
 
 #include "label/label.h"
 #include "labelmgr/dpkg_db.h"
+#include "labelmgr/image_root.h"
 #include "labelmgr/package_ids.h"
 #include "labelmgr/rule_set.h"
 #include "labelmgr/state_db.h"
 
 namespace zorv::labelmgr {
+
+/// Where the value of one field of an effective label comes from.
+enum class ValueSource : uint8_t {
+  kDefault,      // the policy's own: path and name digests, or zero
+  kPackage,      // as kDefault, with the package part of the owning package's id
+  kExactRule,    // a user-set rule for this very path
+  kPatternRule,  // a user-set rule for a pattern that covers the path
+};
+
+/// A computed effective label and the origin of each field. Cheap to make:
+/// the rules are pointers into the policy, names are built only by
+/// LabelPolicy::describe(). Valid while the policy that made it lives.
+struct LabelEvaluation {
+  Label label;
+  ValueSource source[4] = {};          // indexed by Field
+  const FileRule* rule[4] = {};        // the deciding rule of a rule source
+  uint32_t owner = UINT32_MAX;         // index of the owning installed package, if any
+};
 
 /// Everything needed to label files, loaded once; afterwards every method is
 /// const, queries nothing and is safe to call from many threads at once.
@@ -46,11 +68,15 @@ class LabelPolicy {
   /// lists are searched for these paths alone, which on a full system costs a
   /// fraction of indexing them all. Any other path is labelled as if no
   /// package owned it.
+  /// With `image`, the dpkg database is that image's and paths are the ones
+  /// inside it.
   static std::unique_ptr<LabelPolicy> loadFor(StateDb* db,
-                                              const std::vector<std::string>& canonicalPaths);
+                                              const std::vector<std::string>& canonicalPaths,
+                                              const ImageRoot* image = nullptr);
   /// As load(), but ready to label only paths inside the canonical directory
   /// `root`: package ownership is indexed for that subtree alone.
-  static std::unique_ptr<LabelPolicy> loadUnder(StateDb* db, const std::string& root);
+  static std::unique_ptr<LabelPolicy> loadUnder(StateDb* db, const std::string& root,
+                                                const ImageRoot* image = nullptr);
 
   LabelPolicy(const LabelPolicy&) = delete;
   LabelPolicy& operator=(const LabelPolicy&) = delete;
@@ -59,7 +85,14 @@ class LabelPolicy {
   /// `st`. REQUIRES: `canonicalPath` is absolute and canonical.
   Label initLabel(const std::string& canonicalPath, const struct stat& st) const;
   /// initLabel() with the user-set rules applied.
-  Label effectiveLabel(const std::string& canonicalPath, const struct stat& st) const;
+  Label effectiveLabel(const std::string& canonicalPath, const struct stat& st) const {
+    return evaluate(canonicalPath, st).label;
+  }
+  /// The effective label and where each of its fields comes from.
+  LabelEvaluation evaluate(const std::string& canonicalPath, const struct stat& st) const;
+  /// The origin of `field` in words: "default policy", "package NAME",
+  /// "exact rule" or "pattern rule PATTERN".
+  std::string describe(const LabelEvaluation& evaluation, Field field) const;
 
   /// Whether initLabel() gives a file of mode `a` the same label as one of
   /// mode `b` at the same path.
@@ -72,12 +105,13 @@ class LabelPolicy {
   const RuleSet& rules() const { return rules_; }
 
  private:
+  Id policyOid(const std::string& canonicalPath, uint32_t* owner) const;
   static bool carriesSid(mode_t mode) {
     return S_ISREG(mode) && (mode & (S_IXUSR | S_IXGRP | S_IXOTH)) != 0;
   }
   explicit LabelPolicy(std::vector<FileRule> rules) : rules_(std::move(rules)) {}
   static std::unique_ptr<LabelPolicy> load(StateDb* db, const std::unordered_set<std::string>* only,
-                                           const std::string* under = nullptr);
+                                           const std::string* under, const ImageRoot* image);
 
   PackageIds packageIds_;
   OwnershipIndex owners_;

@@ -118,12 +118,12 @@ std::string stateDirectory() {
   return ZORV_DEFAULT_STATE_DIR;
 }
 
-std::unique_ptr<StateDb> StateDb::open(OpenMode mode, bool* absent) {
+std::unique_ptr<StateDb> StateDb::open(OpenMode mode, bool* absent, const std::string* directory) {
   if (absent != nullptr) *absent = false;
   bool create = mode == OpenMode::kCreate;
   StateDir dir;
   std::string error;
-  int rc = openStateDir(stateDirectory(), create, &dir, &error);
+  int rc = openStateDir(directory != nullptr ? *directory : stateDirectory(), create, &dir, &error);
   if (rc == -ENOENT && !create) {
     if (absent != nullptr) *absent = true;
     return nullptr;

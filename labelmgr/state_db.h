@@ -41,7 +41,9 @@ class StateDb {
   /// on failure, with one error line; with kExisting or kReadOnly and no
   /// database yet (or, for kReadOnly, one without a schema), null,
   /// *absent = true and nothing logged.
-  static std::unique_ptr<StateDb> open(OpenMode mode, bool* absent = nullptr);
+  /// `directory` stands for stateDirectory() when given (a system image's).
+  static std::unique_ptr<StateDb> open(OpenMode mode, bool* absent = nullptr,
+                                       const std::string* directory = nullptr);
 
   ~StateDb();
   StateDb(const StateDb&) = delete;
