@@ -1,7 +1,12 @@
 // Times one whole-tree labelling of ROOT and prints "seconds seen written".
 //
 //   label_tree_bench ROOT             through addTagFullSystem, as the tool runs it
-//   label_tree_bench ROOT WORKERS     through labelTree with that many workers
+//   label_tree_bench ROOT WORKERS     through labelTree with that many workers (0: one
+//                                     per core)
+//   label_tree_bench ROOT WORKERS read-first
+//                                     the same with every label read before it is
+//                                     written (no creating first), to measure what
+//                                     creating first saves
 #include <limits.h>
 #include <stdlib.h>
 
@@ -20,8 +25,8 @@
 namespace lm = zorv::labelmgr;
 
 int main(int argc, char** argv) {
-  if (argc < 2 || argc > 3) {
-    std::fprintf(stderr, "usage: %s ROOT [WORKERS]\n", argv[0]);
+  if (argc < 2 || argc > 4 || (argc == 4 && std::string(argv[3]) != "read-first")) {
+    std::fprintf(stderr, "usage: %s ROOT [WORKERS [read-first]]\n", argv[0]);
     return 2;
   }
   auto start = std::chrono::steady_clock::now();
@@ -38,6 +43,7 @@ int main(int argc, char** argv) {
     lm::TreeLabelOptions options;
     options.workers = static_cast<unsigned>(std::atoi(argv[2]));
     options.progress = false;
+    options.createFirst = argc != 4;
     options.cacheFile = lm::stateDirectory() + "/label-tree.cache";
     if (lm::labelTree(argv[1], *policy, options, &stats) != 0) return 1;
   }

@@ -9,8 +9,12 @@
 #   (b) find B -print0 | xargs -0 setfattr ... (the same number of attribute
 #       writes by a peer, on tree B),
 #   (c) our second run over the unchanged tree A (nothing to write),
+#   (d) a first run of tree A through labelTree, labels created before the
+#       one stat() of each file where it likely has none,
+#   (e) the same, with every label read before it is written,
 # and prints the medians over $ROUNDS rounds (default 3) with the ratios a/b
-# (target: at most 1.0) and c/a (target: at most 0.4). Labels are removed
+# (target: at most 1.0), c/a (target: at most 0.4) and d/e (below 1.0 when
+# creating first pays). Labels are removed
 # between rounds, and each round starts from a state directory of its own, so
 # that every (a) is a true first run: a run after labels were stripped behind
 # a previous run's back is a different case (its cache no longer matches).
@@ -59,7 +63,7 @@ zeros=0x$(printf '00%.0s' $(seq 25))
 unlabel() { find "$1" -print0 | xargs -0 setfattr -x security.zorv 2>/dev/null || true; }
 median() { printf '%s\n' "$@" | sort -g | awk '{v[NR] = $1} END {print v[int((NR + 1) / 2)]}'; }
 
-as=() bs=() cs=()
+as=() bs=() cs=() ds=() es=()
 for ((round = 1; round <= rounds; round++)); do
   unlabel "$work/A"
   unlabel "$work/B"
@@ -72,8 +76,20 @@ for ((round = 1; round <= rounds; round++)); do
   t2=$(now)
   "$driver" "$work/A" >/dev/null
   t3=$(now)
+  unlabel "$work/A"
+  sync
+  t4=$(now)
+  ZORV_LABELMGR_STATE_DIR="$work/state-d-$round" "$driver" "$work/A" 0 >/dev/null
+  t5=$(now)
+  unlabel "$work/A"
+  sync
+  t6=$(now)
+  ZORV_LABELMGR_STATE_DIR="$work/state-e-$round" "$driver" "$work/A" 0 read-first >/dev/null
+  t7=$(now)
   as+=("$(elapsed "$t0" "$t1")") bs+=("$(elapsed "$t1" "$t2")") cs+=("$(elapsed "$t2" "$t3")")
-  printf 'round %d: a %.3f s, b %.3f s, c %.3f s\n' "$round" "${as[-1]}" "${bs[-1]}" "${cs[-1]}"
+  ds+=("$(elapsed "$t4" "$t5")") es+=("$(elapsed "$t6" "$t7")")
+  printf 'round %d: a %.3f s, b %.3f s, c %.3f s, d %.3f s, e %.3f s\n' "$round" "${as[-1]}" \
+    "${bs[-1]}" "${cs[-1]}" "${ds[-1]}" "${es[-1]}"
 done
 
 mkdir "$work/empty"
@@ -86,6 +102,7 @@ done
 fixed=$(median "${fixeds[@]}")
 
 a=$(median "${as[@]}") b=$(median "${bs[@]}") c=$(median "${cs[@]}")
+d=$(median "${ds[@]}") e=$(median "${es[@]}")
 dpkg=${DPKG_DIR:-/var/lib/dpkg}
 lists=$(find "$dpkg/info" -maxdepth 1 -name '*.list' 2>/dev/null | wc -l)
 printf 'tree: %d entries (%d files), medians of %d rounds\n' "$entries" "$files" "$rounds"
@@ -94,6 +111,9 @@ printf '(a) our whole-tree labelling, first run:   %.3f s\n' "$a"
 printf '(b) find | xargs setfattr, same writes:     %.3f s\n' "$b"
 printf '(c) our second run over the unchanged tree: %.3f s\n' "$c"
 printf 'of (a), a first run over an empty tree:     %.3f s (start-up, state database, dpkg index)\n' "$fixed"
+printf '(d) labelTree first run, creating first:   %.3f s\n' "$d"
+printf '(e) the same, reading every label first:    %.3f s\n' "$e"
 printf 'a/b = %.2f (target <= 1.0)\n' "$(echo "$a / $b" | bc -l)"
 printf 'c/a = %.2f (target <= 0.4)\n' "$(echo "$c / $a" | bc -l)"
+printf 'd/e = %.2f (creating first pays when below 1.0)\n' "$(echo "$d / $e" | bc -l)"
 grep -h 'labelled the tree' "$work/bench.log" | tail -2 | sed 's/^/log: /'

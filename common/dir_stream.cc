@@ -7,13 +7,15 @@
 namespace zorv {
 
 DirStream::DirStream(UniqueFd dir, size_t bufferBytes)
-    : dir_(std::move(dir)), buffer_(bufferBytes) {}
+    : owned_(std::move(dir)), fd_(owned_.get()), ownBuffer_(bufferBytes), buffer_(ownBuffer_) {}
+
+DirStream::DirStream(int fd, std::vector<char>& buffer) : fd_(fd), buffer_(buffer) {}
 
 bool DirStream::next(Entry* entry) {
   for (;;) {
     if (offset_ >= filled_) {
       if (ended_ || error_ != 0) return false;
-      ssize_t size = ::getdents64(dir_.get(), buffer_.data(), buffer_.size());
+      ssize_t size = ::getdents64(fd_, buffer_.data(), buffer_.size());
       if (size < 0) {
         error_ = errno;
         return false;

@@ -11,8 +11,8 @@
 namespace zorv {
 
 /// Lists an open directory with getdents64 into one buffer, without the
-/// allocation and extra calls of a DIR stream. Owns the descriptor, which
-/// stays usable for *at() calls on the entries. Not thread-safe.
+/// allocation and extra calls of a DIR stream. The descriptor stays usable
+/// for *at() calls on the entries. Not thread-safe.
 class DirStream {
  public:
   struct Entry {
@@ -21,7 +21,11 @@ class DirStream {
   };
 
   /// `dir` must be opened with O_RDONLY | O_DIRECTORY.
+  /// Owns `dir` and a buffer of its own.
   explicit DirStream(UniqueFd dir, size_t bufferBytes = 32 * 1024);
+  /// Borrows `fd` and `buffer` (not empty), which must outlive the stream:
+  /// for walks that share one buffer among many directories.
+  DirStream(int fd, std::vector<char>& buffer);
   DirStream(const DirStream&) = delete;
   DirStream& operator=(const DirStream&) = delete;
 
@@ -29,11 +33,13 @@ class DirStream {
   /// reading failed (then error() is the errno).
   bool next(Entry* entry);
   int error() const { return error_; }
-  int fd() const { return dir_.get(); }
+  int fd() const { return fd_; }
 
  private:
-  UniqueFd dir_;
-  std::vector<char> buffer_;
+  UniqueFd owned_;
+  int fd_;
+  std::vector<char> ownBuffer_;
+  std::vector<char>& buffer_;
   size_t offset_ = 0;
   size_t filled_ = 0;
   bool ended_ = false;

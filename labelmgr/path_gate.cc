@@ -9,6 +9,7 @@
 
 #include "common/dir_stream.h"
 #include "common/path_safety.h"
+#include "common/pinned_walker.h"
 #include "common/wildcard.h"
 #include "log/logger.h"
 
@@ -21,10 +22,6 @@ const char* const kWildcards = "*?[";
 
 bool isLiteral(const std::string& component) {
   return component.find_first_of("*?[\\") == std::string::npos;
-}
-
-std::string childPath(const std::string& dir, const char* name) {
-  return dir == "/" ? "/" + std::string(name) : dir + "/" + name;
 }
 
 // Walks the components of a pattern below a pinned directory.
@@ -62,7 +59,7 @@ class CoverageWalk {
  private:
   void visit(int dirfd, const std::string& dirPath, const char* name, bool last, size_t index) {
     struct stat st;
-    std::string path = childPath(dirPath, name);
+    std::string path = joinPath(dirPath, name);
     if (::fstatat(dirfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
       if (errno == ENOENT) return;  // not there (any more): covers nothing
       ZLOG_ERROR("cannot stat %s: %s", path.c_str(), std::strerror(errno));
@@ -75,11 +72,10 @@ class CoverageWalk {
       return;
     }
     if (!S_ISDIR(st.st_mode)) return;
-    UniqueFd child(::openat(dirfd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    struct stat opened;
-    if (!child || ::fstat(child.get(), &opened) != 0 || opened.st_dev != st.st_dev ||
-        opened.st_ino != st.st_ino) {
-      int cause = child ? ESTALE : errno;
+    UniqueFd child;
+    int rc = openSubdirectory(dirfd, name, DirId{st.st_dev, st.st_ino}, &child);
+    if (rc != 0) {
+      int cause = -rc;
       if (cause == ENOENT) return;
       ZLOG_ERROR("cannot open directory %s: %s", path.c_str(),
                  cause == ESTALE || cause == ELOOP || cause == ENOTDIR
@@ -201,7 +197,7 @@ bool forEachCovered(const std::string& pattern,
   size_t fixed = 0;
   while (fixed + 1 < components.size() && isLiteral(components[fixed])) ++fixed;
   std::string dirPath = "/";
-  for (size_t i = 0; i < fixed; ++i) dirPath = childPath(dirPath, components[i].c_str());
+  for (size_t i = 0; i < fixed; ++i) dirPath = joinPath(dirPath, components[i].c_str());
   components.erase(components.begin(), components.begin() + static_cast<std::ptrdiff_t>(fixed));
   if (components.empty()) return true;
 

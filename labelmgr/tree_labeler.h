@@ -19,17 +19,33 @@
 #ifndef ZORV_LABELMGR_TREE_LABELER_H_
 #define ZORV_LABELMGR_TREE_LABELER_H_
 
-#include <atomic>
+#include <sys/stat.h>
+
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include "labelmgr/policy_source.h"
+
+class Label;
 
 namespace zorv::labelmgr {
 
 class LabelPolicy;
+
+/// An entry whose label is not what the policy gives it, as a dry run
+/// reports it. Valid during the call.
+struct TreeDifference {
+  const std::string& path;       // as the policy sees it (see imageRoot)
+  const struct stat& st;         // its lstat()
+  const unsigned char* current;  // its label's bytes now; null when it has none
+  size_t currentSize;
+  const Label& wanted;        // what a real run would write
+  const LabelPolicy& policy;  // what computed `wanted`
+};
 
 struct TreeLabelOptions {
   /// Paths not labelled, with everything under them. Existing paths are made
@@ -47,6 +63,22 @@ struct TreeLabelOptions {
   /// load the policy again when the user-set rules changed meanwhile, so that
   /// a value a user sets during the run is never overwritten by an older one.
   bool guardWrites = false;
+  /// Without a cache, create the label of an entry that likely has none
+  /// before its one stat() (see above). Off only to measure what it saves.
+  bool createFirst = true;
+  /// Compare only: nothing is written (labels, cache), the root may lie on a
+  /// read-only file system, and onDifference hears of each entry whose label
+  /// differs; stats.written then counts those entries.
+  bool dryRun = false;
+  /// Called from the workers, concurrently: must be thread-safe.
+  std::function<void(const TreeDifference&)> onDifference;
+  /// Non-empty: the root is "/" of a system image at this canonical path;
+  /// the policy, the cache, `excluded` and onDifference see every path as it
+  /// is inside the image.
+  std::string imageRoot;
+  /// Entries (with everything under them) left alone when this says so of
+  /// their path (as the policy sees it); called from the walking thread.
+  std::function<bool(const std::string& path)> excluded;
 };
 
 struct TreeLabelStats {
@@ -54,44 +86,9 @@ struct TreeLabelStats {
   uint64_t seen = 0;     // directories, files and links looked at
   uint64_t written = 0;  // of them, labels written
   uint64_t cached = 0;   // of them, unchanged since the previous run by the cache
-  uint64_t failed = 0;   // entries that could not be read, stat'ed or written
+  uint64_t failed = 0;   // entries that could not be read, stat'ed or written, or were not reached
   uint64_t mountsSkipped = 0;
   uint64_t excluded = 0;
-};
-
-/// Where a run takes its LabelPolicy from: one loaded beforehand, or a loader
-/// called on the first entry whose label must be computed, so that a run that
-/// finds everything unchanged in its cache never pays for loading it.
-/// get() is thread-safe.
-class PolicySource {
- public:
-  explicit PolicySource(const LabelPolicy& policy);
-  /// `fingerprint` as TreeLabelCache::fingerprint() gives it for the rules and
-  /// package ids the loader will see. The loader runs on a worker thread, on
-  /// first use and again after refresh() saw the rules change; null means it
-  /// failed (and said why).
-  PolicySource(std::function<std::unique_ptr<LabelPolicy>()> load, uint64_t fingerprint);
-  ~PolicySource();
-  PolicySource(const PolicySource&) = delete;
-  PolicySource& operator=(const PolicySource&) = delete;
-
-  const LabelPolicy* get();
-  /// For a loader: the user-set rules now have `generation` (read under the
-  /// labels lock); when that differs from the last one seen, the next get()
-  /// loads the policy again. Thread-safe.
-  void refresh(uint64_t generation);
-  uint64_t fingerprint() const { return fingerprint_; }
-
- private:
-  std::function<std::unique_ptr<LabelPolicy>()> load_;
-  std::mutex mutex_;
-  std::atomic<const LabelPolicy*> current_{nullptr};
-  std::vector<std::unique_ptr<LabelPolicy>> retired_;  // every policy loaded, the current last
-  bool loaded_ = false;
-  bool knowsGeneration_ = false;
-  uint64_t generation_ = 0;
-  const LabelPolicy* policy_ = nullptr;
-  uint64_t fingerprint_ = 0;
 };
 
 /// Labels the tree under `root` with `policy`. Returns 0 when the walk ran to
