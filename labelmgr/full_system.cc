@@ -8,6 +8,7 @@
 #include "cli/zorvlabelmgr.h"
 #include "common/safe_path.h"
 #include "labelmgr/change_bus.h"
+#include "labelmgr/exclude_rules.h"
 #include "labelmgr/label_policy.h"
 #include "labelmgr/state_db.h"
 #include "labelmgr/tree_label_cache.h"
@@ -37,8 +38,15 @@ int addTagFullSystem(const std::string& root, const std::vector<std::string>& ex
       [state, canonicalRoot] { return LabelPolicy::loadUnder(state, canonicalRoot); },
       TreeLabelCache::fingerprint(rules, packageIds));
 
+  ExcludeRules excludeRules;
+  if (!excludeRules.load(excludeDirectory(), nullptr)) return -1;
   TreeLabelOptions options;
   options.excludes = excludes;
+  if (!excludeRules.empty()) {
+    options.excluded = [&excludeRules](const std::string& path) {
+      return excludeRules.matching(path) != nullptr;
+    };
+  }
   options.guardWrites = true;
   options.cacheFile = stateDirectory() + "/label-tree.cache";
   // Tests that fail one system call in turn need a single worker, so that

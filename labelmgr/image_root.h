@@ -23,6 +23,9 @@ class ImageRoot {
   bool isSystem() const { return !fd_; }
   /// For *at() calls on in-image paths; -1 for the running system.
   int fd() const { return fd_ ? fd_.get() : -1; }
+  /// The canonical host path of the image's "/" ("" for the running system
+  /// and for an image at "/").
+  const std::string& hostRoot() const { return path_; }
   /// Where canonical in-image `path` is reached from this process.
   std::string hostPath(const std::string& path) const;
   /// resolvePinnedIn() inside the image.

@@ -101,7 +101,8 @@ uint64_t TreeLabelCache::fingerprint(const LabelPolicy& policy) {
 }
 
 uint64_t TreeLabelCache::fingerprint(const std::vector<FileRule>& rules,
-                                     const std::vector<PkgIdRule>& packageIds) {
+                                     const std::vector<PkgIdRule>& packageIds,
+                                     const std::string* dpkgDirOf) {
   Fnv fnv;
   fnv.add(uint64_t{kVersion});
   for (const PkgIdRule& rule : packageIds) {
@@ -118,7 +119,7 @@ uint64_t TreeLabelCache::fingerprint(const std::vector<FileRule>& rules,
   // The installed packages (and so their ids) come from dpkg's status file,
   // and the package owning each file from its file lists: a changed file
   // changes its size or modification time.
-  std::string dpkgDir = dpkgDirectory();
+  std::string dpkgDir = dpkgDirOf != nullptr ? *dpkgDirOf : dpkgDirectory();
   addFileState(fnv, dpkgDir + "/status");
   std::vector<std::string> lists;
   if (DIR* dir = ::opendir((dpkgDir + "/info").c_str())) {

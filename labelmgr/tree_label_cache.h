@@ -49,8 +49,10 @@ class TreeLabelCache {
   /// Everything the labels depend on besides the path and the mode: the
   /// user-set file rules and package ids, and the state of the dpkg database
   /// (its status file and file lists). Cheap: it needs no LabelPolicy.
+  /// `dpkgDir` stands for dpkgDirectory() when given (a system image's).
   static uint64_t fingerprint(const std::vector<FileRule>& rules,
-                              const std::vector<PkgIdRule>& packageIds);
+                              const std::vector<PkgIdRule>& packageIds,
+                              const std::string* dpkgDir = nullptr);
   static uint64_t fingerprint(const LabelPolicy& policy);
   /// A stable 64-bit hash of a path (FNV-1a).
   static uint64_t hashPath(std::string_view path);
