@@ -1,7 +1,6 @@
 #include "cli/label_walker.h"
 
 #include <dirent.h>
-#include <glob.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
@@ -10,6 +9,7 @@
 #include <iostream>
 
 #include "cli/output.h"
+#include "common/glob_result.h"
 #include "label/label.h"
 
 namespace zorv::cli {
@@ -17,23 +17,6 @@ namespace zorv::cli {
 bool noDereference = false;
 
 namespace {
-
-class GlobResult {
- public:
-  explicit GlobResult(const std::string& pattern) {
-    // The return code carries nothing that the match count does not.
-    glob(pattern.c_str(), GLOB_TILDE, nullptr, &result_);
-  }
-  ~GlobResult() { globfree(&result_); }
-  GlobResult(const GlobResult&) = delete;
-  GlobResult& operator=(const GlobResult&) = delete;
-
-  size_t size() const { return result_.gl_pathc; }
-  const char* operator[](size_t i) const { return result_.gl_pathv[i]; }
-
- private:
-  glob_t result_{};
-};
 
 class DirHandle {
  public:
@@ -54,7 +37,8 @@ class DirHandle {
 
 void walkPattern(const std::string& pattern, const std::string& attrName, LabelCallback callback,
                  bool recursive) {
-  GlobResult matches(pattern);
+  // The status carries nothing that the match count does not.
+  const GlobResult matches(pattern.c_str(), GLOB_TILDE);
   if (matches.size() == 0) {
     std::cerr << "Warning: No files matched the pattern: " << pattern << std::endl;
     return;

@@ -14,6 +14,8 @@
 #include <memory>
 #include <string_view>
 
+#include "common/env_path.h"
+#include "common/whole_file.h"
 #include "log/logger.h"
 
 namespace zorv::labelmgr {
@@ -40,43 +42,15 @@ struct DirCloser {
   void operator()(DIR* dir) const { closedir(dir); }
 };
 
-// Reads `path` whole into `content`: 0, or the errno of the open or of a
-// failed read (a short read is never taken for the end).
-int readWholeFile(const std::string& path, std::string* content) {
-  content->clear();
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return errno;
-  struct stat st;
-  size_t size = fstat(fd, &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
-  content->resize(size + 1);  // one more byte shows the end without another read()
-  size_t used = 0;
-  for (;;) {
-    if (used == content->size()) content->resize(2 * content->size());
-    ssize_t n = read(fd, content->data() + used, content->size() - used);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      int error = n < 0 ? errno : 0;
-      close(fd);
-      content->resize(used);
-      return error;
-    }
-    used += static_cast<size_t>(n);
-  }
-}
-
 }  // namespace
 
-std::string dpkgDirectory() {
-  const char* dir = getenv("ZORV_LABELMGR_DPKG_DIR");
-  if (dir != nullptr && *dir != '\0') return dir;
-  return "/var/lib/dpkg";
-}
+std::string dpkgDirectory() { return envPathOr("ZORV_LABELMGR_DPKG_DIR", "/var/lib/dpkg"); }
 
 bool readInstalledPackages(const std::string& dpkgDir, std::vector<std::string>* names) {
   names->clear();
   std::string path = dpkgDir + "/status";
   std::string content;
-  int error = readWholeFile(path, &content);
+  int error = readWholeFile(path.c_str(), &content) ? 0 : errno;
   if (error == ENOENT) {
     ZLOG_DEBUG("no dpkg status file in %s", dpkgDir.c_str());
     return true;
@@ -175,8 +149,8 @@ class ListReader {
 
   /// False (logged) when the list cannot be read whole.
   bool read(const std::string& path, uint32_t owner) {
-    int error = readWholeFile(path, &list_);
-    if (error != 0) {
+    if (!readWholeFile(path.c_str(), &list_)) {
+      int error = errno;
       ZLOG_ERROR("cannot read the dpkg file list %s: %s", path.c_str(), std::strerror(error));
       return false;
     }
