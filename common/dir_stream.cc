@@ -3,17 +3,18 @@
 #include <dirent.h>
 
 #include <cerrno>
+#include <utility>
 
 namespace zorv {
 
 DirStream::DirStream(UniqueFd dir, size_t bufferBytes)
-    : dir_(std::move(dir)), buffer_(bufferBytes) {}
+    : dir_(std::move(dir)), buffer_(new char[bufferBytes]), bufferBytes_(bufferBytes) {}
 
 bool DirStream::next(Entry* entry) {
   for (;;) {
     if (offset_ >= filled_) {
       if (ended_ || error_ != 0) return false;
-      ssize_t size = ::getdents64(dir_.get(), buffer_.data(), buffer_.size());
+      ssize_t size = ::getdents64(dir_.get(), buffer_.get(), bufferBytes_);
       if (size < 0) {
         error_ = errno;
         return false;
@@ -25,7 +26,7 @@ bool DirStream::next(Entry* entry) {
       offset_ = 0;
       filled_ = static_cast<size_t>(size);
     }
-    auto* raw = reinterpret_cast<const struct dirent64*>(buffer_.data() + offset_);
+    auto* raw = reinterpret_cast<const struct dirent64*>(buffer_.get() + offset_);
     offset_ += raw->d_reclen;
     const char* name = raw->d_name;
     if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;

@@ -4,7 +4,7 @@
 #define ZORV_COMMON_DIR_STREAM_H_
 
 #include <cstddef>
-#include <vector>
+#include <memory>
 
 #include "common/unique_fd.h"
 
@@ -33,7 +33,10 @@ class DirStream {
 
  private:
   UniqueFd dir_;
-  std::vector<char> buffer_;
+  // Not zero-filled: a walk makes one stream per directory, and the kernel
+  // writes every byte that is read back.
+  std::unique_ptr<char[]> buffer_;
+  size_t bufferBytes_;
   size_t offset_ = 0;
   size_t filled_ = 0;
   bool ended_ = false;
