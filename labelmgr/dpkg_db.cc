@@ -1,6 +1,5 @@
 #include "labelmgr/dpkg_db.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
@@ -14,7 +13,9 @@
 #include <memory>
 #include <string_view>
 
+#include "common/dir_stream.h"
 #include "common/env_path.h"
+#include "common/unique_fd.h"
 #include "common/whole_file.h"
 #include "log/logger.h"
 
@@ -37,10 +38,6 @@ std::string fieldValue(const std::string& line, size_t nameLength) {
   size_t last = line.find_last_not_of(" \t");
   return line.substr(first, last - first + 1);
 }
-
-struct DirCloser {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
 
 }  // namespace
 
@@ -240,31 +237,27 @@ bool OwnershipIndex::load(const std::string& dpkgDir, const std::vector<std::str
   std::string infoDir = dpkgDir + "/info";
   std::vector<ListFile> lists;
   {
-    std::unique_ptr<DIR, DirCloser> dir(opendir(infoDir.c_str()));
-    if (!dir) {
-      if (errno == ENOENT) {
-        ZLOG_DEBUG("no dpkg file lists in %s", infoDir.c_str());
-        return true;
-      }
-      ZLOG_ERROR("cannot read the dpkg file lists in %s: %s", infoDir.c_str(),
-                 std::strerror(errno));
-      return false;
+    UniqueFd fd(open(infoDir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    int error = fd ? 0 : errno;
+    if (error == ENOENT) {
+      ZLOG_DEBUG("no dpkg file lists in %s", infoDir.c_str());
+      return true;
     }
-    for (;;) {
-      errno = 0;
-      struct dirent* entry = readdir(dir.get());
-      if (entry == nullptr) {
-        if (errno == 0) break;
-        ZLOG_ERROR("cannot read the dpkg file lists in %s: %s", infoDir.c_str(),
-                   std::strerror(errno));
-        return false;
-      }
-      std::string_view file = entry->d_name;
+    DirStream dir(std::move(fd));
+    DirStream::Entry entry;
+    while (error == 0 && dir.next(&entry)) {
+      std::string_view file = entry.name;
       if (file.size() <= 5 || file.substr(file.size() - 5) != ".list") continue;
       std::string name(file.substr(0, std::min(file.size() - 5, file.find(':'))));
       auto it = std::lower_bound(packages.begin(), packages.end(), name);
       if (it == packages.end() || *it != name) continue;
       lists.push_back(ListFile{std::string(file), static_cast<uint32_t>(it - packages.begin())});
+    }
+    if (error == 0) error = dir.error();
+    if (error != 0) {
+      ZLOG_ERROR("cannot read the dpkg file lists in %s: %s", infoDir.c_str(),
+                 std::strerror(error));
+      return false;
     }
   }
 
