@@ -12,6 +12,7 @@
 # The tree, the library's state and the log live in a temporary directory that
 # is removed at the end.
 set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/../scripts/lib.sh"
 
 build_dir=${1:-./build}
 tool=$build_dir/cli/zorv-label-manager-tool
@@ -22,17 +23,8 @@ command -v getfattr >/dev/null || { echo "getfattr is missing (package attr)"; e
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/zorv-cli-bench-XXXXXX")
 trap 'rm -rf "$work"' EXIT
-export ZORV_LABELMGR_STATE_DIR=$work/state
-export ZORV_LABELMGR_DPKG_DIR=$work/dpkg
-mkdir -p "$ZORV_LABELMGR_DPKG_DIR"
-export ZORV_LABEL_LOG_PROPERTIES=$work/log.properties
-cat >"$ZORV_LABEL_LOG_PROPERTIES" <<PROPERTIES
-log4cpp.rootCategory=INFO, A1
-log4cpp.appender.A1=FileAppender
-log4cpp.appender.A1.fileName=$work/bench.log
-log4cpp.appender.A1.layout=SimpleLayout
-log4cpp.category.INFO=INFO, A1
-PROPERTIES
+zorv_scratch_state "$work"
+zorv_log_into "$work/bench.log"
 
 # 20 x 10 x 20 leaf directories of 25 files each: 100,000 files.
 tree=$work/tree

@@ -10,6 +10,7 @@
 # The state directory and the log live in a temporary directory that is
 # removed at the end.
 set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/../scripts/lib.sh"
 
 build_dir=${1:-./build}
 listeners=${2:-300}
@@ -22,17 +23,8 @@ fi
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/zorv-publish-bench-XXXXXX")
 trap 'rm -rf "$work"' EXIT
-export ZORV_LABELMGR_STATE_DIR=$work/state
-export ZORV_LABELMGR_DPKG_DIR=$work/dpkg
-mkdir -p "$ZORV_LABELMGR_DPKG_DIR/info"
-touch "$ZORV_LABELMGR_DPKG_DIR/status"
-export ZORV_LABEL_LOG_PROPERTIES=$work/log.properties
-cat >"$ZORV_LABEL_LOG_PROPERTIES" <<PROPERTIES
-log4cpp.rootCategory=INFO, A1
-log4cpp.appender.A1=FileAppender
-log4cpp.appender.A1.fileName=$work/bench.log
-log4cpp.appender.A1.layout=SimpleLayout
-PROPERTIES
+zorv_scratch_state "$work"
+zorv_log_into "$work/bench.log"
 # A listener holds two descriptors in its process.
 ulimit -n 4096 2>/dev/null || true
 

@@ -1,60 +1,29 @@
 #include "cli/label_walker.h"
 
 #include <dirent.h>
-#include <glob.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <utility>
 
 #include "cli/output.h"
+#include "common/dir_stream.h"
+#include "common/glob_result.h"
+#include "common/unique_fd.h"
 #include "label/label.h"
 
 namespace zorv::cli {
 
 bool noDereference = false;
 
-namespace {
-
-class GlobResult {
- public:
-  explicit GlobResult(const std::string& pattern) {
-    // The return code carries nothing that the match count does not.
-    glob(pattern.c_str(), GLOB_TILDE, nullptr, &result_);
-  }
-  ~GlobResult() { globfree(&result_); }
-  GlobResult(const GlobResult&) = delete;
-  GlobResult& operator=(const GlobResult&) = delete;
-
-  size_t size() const { return result_.gl_pathc; }
-  const char* operator[](size_t i) const { return result_.gl_pathv[i]; }
-
- private:
-  glob_t result_{};
-};
-
-class DirHandle {
- public:
-  explicit DirHandle(const std::string& path) : dir_(opendir(path.c_str())) {}
-  ~DirHandle() {
-    if (dir_ != nullptr) closedir(dir_);
-  }
-  DirHandle(const DirHandle&) = delete;
-  DirHandle& operator=(const DirHandle&) = delete;
-
-  DIR* get() const { return dir_; }
-
- private:
-  DIR* dir_;
-};
-
-}  // namespace
-
 void walkPattern(const std::string& pattern, const std::string& attrName, LabelCallback callback,
                  bool recursive) {
-  GlobResult matches(pattern);
+  // The status carries nothing that the match count does not.
+  const GlobResult matches(pattern.c_str(), GLOB_TILDE);
   if (matches.size() == 0) {
     std::cerr << "Warning: No files matched the pattern: " << pattern << std::endl;
     return;
@@ -75,22 +44,23 @@ void walkPattern(const std::string& pattern, const std::string& attrName, LabelC
 }
 
 void walkDirectory(const std::string& path, const std::string& attrName, LabelCallback callback) {
-  DirHandle dir(path);
-  if (dir.get() == nullptr) {
+  UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fd) {
     const int error = errno;
     printLine(path + " opendir error: " + std::strerror(error));
     return;
   }
+  DirStream dir(std::move(fd));
   callback(path, attrName);
   const std::string prefix = (!path.empty() && path.back() == '/') ? path : path + "/";
-  while (const struct dirent* entry = readdir(dir.get())) {
-    const std::string child = prefix + entry->d_name;
-    if (entry->d_type != DT_DIR) {
+  DirStream::Entry entry;
+  while (dir.next(&entry)) {
+    const std::string child = prefix + entry.name;
+    if (entry.type == DT_DIR) {
+      walkDirectory(child, attrName, callback);
+    } else {
       callback(child, attrName);
-      continue;
     }
-    if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
-    walkDirectory(child, attrName, callback);
   }
 }
 

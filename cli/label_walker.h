@@ -5,10 +5,9 @@
 
 #include <string>
 
-namespace zorv::cli {
+#include "label/label_attr.h"
 
-/// The attribute that holds a file's label.
-inline constexpr char kLabelAttribute[] = "security.zorv";
+namespace zorv::cli {
 
 /// Set by -H: the callbacks then act on a symbolic link itself. Process-wide
 /// because the callbacks receive nothing but a path and an attribute name.

@@ -20,55 +20,36 @@ bool isAll(const char* arg) { return std::strcmp(arg, "--all") == 0; }
 struct FileFieldQuery {
   int (*show)(UserSetRecord**);
   int (*query)(const char*, UserSetRecord**, int);
-  bool threeValues;  // OID and SID records carry package, file and path
-  const char* recordFormat;
-  const char* noneLine;
-  const char* failedFormat;
+  const char* name;        // in records and in the line saying there are none
+  const char* failedName;  // in the line saying the query failed
+  bool threeValues;        // OID and SID records carry package, file and path
 };
 
-const FileFieldQuery kOidQuery = {showUserSetFileOid,
-                                  queryUserSetFileOid,
-                                  true,
-                                  "%s, oid : 0x%016" PRIx64 "-0x%016" PRIx64 "-0x%016" PRIx64 "\n",
-                                  "No oid has been set for any file.",
-                                  "query user set oid failed, count = %d\n"};
-const FileFieldQuery kSidQuery = {showUserSetFileSid,
-                                  queryUserSetFileSid,
-                                  true,
-                                  "%s, sid : 0x%016" PRIx64 "-0x%016" PRIx64 "-0x%016" PRIx64 "\n",
-                                  "No sid has been set for any file.",
-                                  "query user set sid failed, count = %d\n"};
-const FileFieldQuery kTidQuery = {showUserSetFileTid,
-                                  queryUserSetFileTid,
-                                  false,
-                                  "%s, tid : 0x%08" PRIx64 "\n",
-                                  "No tid has been set for any file.",
-                                  "query user set tid failed, count = %d\n"};
-const FileFieldQuery kInheritFlagQuery = {showUserSetFileInheritFlag,
-                                          queryUserSetFileInheritFlag,
-                                          false,
-                                          "%s, inherit_flag : 0x%08" PRIx64 "\n",
-                                          "No inherit_flag has been set for any file.",
-                                          "query user set inherit flag failed, count = %d\n"};
+const FileFieldQuery kOidQuery = {showUserSetFileOid, queryUserSetFileOid, "oid", "oid", true};
+const FileFieldQuery kSidQuery = {showUserSetFileSid, queryUserSetFileSid, "sid", "sid", true};
+const FileFieldQuery kTidQuery = {showUserSetFileTid, queryUserSetFileTid, "tid", "tid", false};
+const FileFieldQuery kInheritFlagQuery = {showUserSetFileInheritFlag, queryUserSetFileInheritFlag,
+                                          "inherit_flag", "inherit flag", false};
 
 void queryFileField(const FileFieldQuery& q, const char* arg, int patternMatch) {
   UserSetRecord* raw = nullptr;
   const int count = isAll(arg) ? q.show(&raw) : q.query(arg, &raw, patternMatch);
   if (count == 0) {
-    printLine(q.noneLine);
+    printLine({"No ", q.name, " has been set for any file."});
     return;
   }
   if (count < 0) {
-    printFormatted(q.failedFormat, count);
+    printFormatted("query user set %s failed, count = %d\n", q.failedName, count);
     return;
   }
   std::unique_ptr<UserSetRecord[], FreeDeleter> records(raw);
   for (int i = 0; i < count; ++i) {
     const UserSetRecord& r = records[i];
     if (q.threeValues) {
-      printFormatted(q.recordFormat, r.path, r.value[0], r.value[1], r.value[2]);
+      printFormatted("%s, %s : 0x%016" PRIx64 "-0x%016" PRIx64 "-0x%016" PRIx64 "\n", r.path,
+                     q.name, r.value[0], r.value[1], r.value[2]);
     } else {
-      printFormatted(q.recordFormat, r.path, r.value[0]);
+      printFormatted("%s, %s : 0x%08" PRIx64 "\n", r.path, q.name, r.value[0]);
     }
   }
 }

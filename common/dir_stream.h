@@ -4,6 +4,7 @@
 #define ZORV_COMMON_DIR_STREAM_H_
 
 #include <cstddef>
+#include <memory>
 #include <vector>
 
 #include "common/unique_fd.h"
@@ -20,8 +21,7 @@ class DirStream {
     unsigned char type;  // DT_* as the file system reports it (DT_UNKNOWN possible)
   };
 
-  /// `dir` must be opened with O_RDONLY | O_DIRECTORY.
-  /// Owns `dir` and a buffer of its own.
+  /// Owns `dir` (opened with O_RDONLY | O_DIRECTORY) and a buffer of its own.
   explicit DirStream(UniqueFd dir, size_t bufferBytes = 32 * 1024);
   /// Borrows `fd` and `buffer` (not empty), which must outlive the stream:
   /// for walks that share one buffer among many directories.
@@ -38,8 +38,11 @@ class DirStream {
  private:
   UniqueFd owned_;
   int fd_;
-  std::vector<char> ownBuffer_;
-  std::vector<char>& buffer_;
+  // Not zero-filled: a walk makes one stream per directory, and the kernel
+  // writes every byte that is read back.
+  std::unique_ptr<char[]> ownBuffer_;
+  char* buffer_;
+  size_t bufferBytes_;
   size_t offset_ = 0;
   size_t filled_ = 0;
   bool ended_ = false;

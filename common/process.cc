@@ -1,6 +1,7 @@
 #include "common/process.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 
 #include <cctype>
 #include <cerrno>
@@ -11,8 +12,10 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "common/dir_stream.h"
 #include "common/file_io.h"
 #include "common/process_internal.h"
+#include "common/unique_fd.h"
 #include "log/logger.h"
 
 namespace fs = std::filesystem;
@@ -22,11 +25,6 @@ namespace {
 // Field of the stat line that holds the parent's pid, counted from 1.
 constexpr int kParentPidField = 4;
 constexpr size_t kMaxPidNameLength = 255;
-
-struct DirCloser {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
-using UniqueDir = std::unique_ptr<DIR, DirCloser>;
 
 bool isAllDigits(const char* name) {
   size_t i = 0;
@@ -134,16 +132,18 @@ std::vector<int32_t> getAllParent(int32_t pid) {
 
 std::map<std::string, std::vector<int32_t>> findProcessExeFile() {
   std::map<std::string, std::vector<int32_t>> executables;
-  UniqueDir proc(opendir("/proc"));
-  if (!proc) {
+  zorv::UniqueFd fd(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fd) {
     ZLOG_ERROR("open /proc failed.");
     return executables;
   }
-  while (const dirent* entry = readdir(proc.get())) {
-    if (entry->d_type != DT_DIR || !isAllDigits(entry->d_name)) continue;
+  zorv::DirStream proc(std::move(fd));
+  zorv::DirStream::Entry entry;
+  while (proc.next(&entry)) {
+    if (entry.type != DT_DIR || !isAllDigits(entry.name)) continue;
     int32_t pid;
     try {
-      pid = std::stoi(entry->d_name);
+      pid = std::stoi(entry.name);
     } catch (const std::logic_error&) {
       continue;
     }

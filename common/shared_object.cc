@@ -1,24 +1,24 @@
 #include "common/shared_object_internal.h"
 
+#include <dlfcn.h>
+
+#include <string>
+
 #include "log/logger.h"
 
-SharedObject::SharedObject(const char* soname) : soname_(soname) {
-  handle_ = ::dlopen(soname, RTLD_NOW | RTLD_LOCAL);
-  if (handle_ == nullptr) {
+bool loadFunctions(const char* soname, std::initializer_list<FunctionSlot> slots) {
+  std::string error;
+  void* handle = ::dlopen(soname, RTLD_NOW | RTLD_LOCAL);
+  if (handle == nullptr) {
     const char* reason = ::dlerror();
-    error_ = reason != nullptr ? reason : "cannot be opened";
+    error = reason != nullptr ? reason : "cannot be opened";
   }
-}
-
-void* SharedObject::find(const char* name) {
-  if (handle_ == nullptr) return nullptr;
-  void* address = ::dlsym(handle_, name);
-  if (address == nullptr && error_.empty()) error_ = std::string("has no symbol ") + name;
-  return address;
-}
-
-bool SharedObject::ready() const {
-  if (error_.empty()) return true;
-  ZLOG_ERROR("cannot use %s: %s", soname_.c_str(), error_.c_str());
+  for (const FunctionSlot& slot : slots) {
+    void* address = handle != nullptr ? ::dlsym(handle, slot.name()) : nullptr;
+    if (address == nullptr && error.empty()) error = std::string("has no symbol ") + slot.name();
+    slot.store(address);
+  }
+  if (error.empty()) return true;
+  ZLOG_ERROR("cannot use %s: %s", soname, error.c_str());
   return false;
 }

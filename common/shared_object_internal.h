@@ -7,37 +7,38 @@
 #ifndef ZORV_COMMON_SHARED_OBJECT_INTERNAL_H_
 #define ZORV_COMMON_SHARED_OBJECT_INTERNAL_H_
 
-#include <dlfcn.h>
+#include <initializer_list>
 
-#include <string>
-
-class SharedObject {
+/// One function a library must provide: its name, and the pointer that takes
+/// its address. The pointer keeps the exact type its header declares, so a
+/// mismatch is a compile error rather than a crash.
+class FunctionSlot {
  public:
-  /// Opens `soname` (searched as the dynamic loader searches). A library that
-  /// cannot be opened leaves the object not loaded with the loader's reason.
-  /// The library stays mapped for the life of the process: libraries such as
-  /// libzmq keep threads and handlers that must never lose their code.
-  explicit SharedObject(const char* soname);
-  SharedObject(const SharedObject&) = delete;
-  SharedObject& operator=(const SharedObject&) = delete;
-
-  /// Points `function` at the library's `name`; a missing name marks the
-  /// whole object as failed, naming the symbol.
   template <typename Function>
-  void resolve(Function*& function, const char* name) {
-    function = reinterpret_cast<Function*>(find(name));
-  }
+  FunctionSlot(Function*& pointer, const char* name)
+      : name_(name), pointer_(&pointer), store_(&storeAs<Function>) {}
 
-  /// True when the library and every resolved name were found; otherwise
-  /// logs (once per call) an error naming the library and the reason.
-  bool ready() const;
+  const char* name() const { return name_; }
+  void store(void* address) const { store_(pointer_, address); }
 
  private:
-  void* find(const char* name);
+  template <typename Function>
+  static void storeAs(void* pointer, void* address) {
+    *static_cast<Function**>(pointer) = reinterpret_cast<Function*>(address);
+  }
 
-  std::string soname_;
-  void* handle_ = nullptr;
-  std::string error_;
+  const char* name_;
+  void* pointer_;
+  void (*store_)(void* pointer, void* address);
 };
+
+/// Opens `soname` (searched as the dynamic loader searches) and points every
+/// slot at its function. True when the library and every name were found;
+/// otherwise logs one error naming the library and the reason (the loader's
+/// own, or the first missing symbol) and returns false. The library stays
+/// mapped for the life of the process: libraries such as libzmq keep threads
+/// and handlers that must never lose their code. Call it once per library
+/// (callers keep the outcome in a function-local static).
+bool loadFunctions(const char* soname, std::initializer_list<FunctionSlot> slots);
 
 #endif  // ZORV_COMMON_SHARED_OBJECT_INTERNAL_H_

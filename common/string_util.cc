@@ -15,6 +15,37 @@ bool startsWith(const std::string& text, const std::string& prefix) {
   return prefix.size() <= text.size() && text.compare(0, prefix.size(), prefix) == 0;
 }
 
+// False, with `*answer` set to what a replacement then returns, when `text`
+// or `oldStr` is empty (logged).
+bool canReplace(const std::string& text, const std::string& oldStr, std::string* answer) {
+  if (text.empty()) {
+    ZLOG_ERROR("text is empty");
+    return false;
+  }
+  if (oldStr.empty()) {
+    ZLOG_ERROR("oldStr is empty");
+    *answer = text;
+    return false;
+  }
+  return true;
+}
+
+// Every `oldStr` (not empty) in `text` replaced by `newStr`, left to right.
+std::string replaceAll(const std::string& text, const std::string& oldStr,
+                       const std::string& newStr) {
+  std::string result;
+  result.reserve(text.size());
+  size_t position = 0;
+  for (size_t found = text.find(oldStr); found != std::string::npos;
+       found = text.find(oldStr, position)) {
+    result.append(text, position, found - position);
+    result += newStr;
+    position = found + oldStr.size();
+  }
+  result.append(text, position, std::string::npos);
+  return result;
+}
+
 }  // namespace
 
 std::string trim(const std::string& text) {
@@ -44,37 +75,15 @@ void splitString(const std::string& text, const char& delimiter, std::vector<std
 
 std::string replaceString(const std::string& text, const std::string& oldStr,
                           const std::string& newStr) {
-  if (text.empty()) {
-    ZLOG_ERROR("text is empty");
-    return "";
-  }
-  if (oldStr.empty()) {
-    ZLOG_ERROR("oldStr is empty");
-    return text;
-  }
   std::string result;
-  result.reserve(text.size() * 2);
-  size_t position = 0;
-  for (size_t found = text.find(oldStr); found != std::string::npos;
-       found = text.find(oldStr, position)) {
-    result.append(text, position, found - position);
-    result += newStr;
-    position = found + oldStr.size();
-  }
-  result.append(text, position, std::string::npos);
-  return result;
+  if (!canReplace(text, oldStr, &result)) return result;
+  return replaceAll(text, oldStr, newStr);
 }
 
 std::string replaceBeginString(const std::string& text, const std::string& oldStr,
                                const std::string& newStr) {
-  if (text.empty()) {
-    ZLOG_ERROR("text is empty");
-    return "";
-  }
-  if (oldStr.empty()) {
-    ZLOG_ERROR("oldStr is empty");
-    return text;
-  }
+  std::string result;
+  if (!canReplace(text, oldStr, &result)) return result;
   if (!startsWith(text, oldStr)) return text;
   return newStr + text.substr(oldStr.size());
 }
@@ -82,17 +91,7 @@ std::string replaceBeginString(const std::string& text, const std::string& oldSt
 std::string removeSubString(const std::string& text, const std::string& sub) {
   if (text.empty()) return "";
   if (sub.empty()) return text;
-  std::string result;
-  result.reserve(text.size());
-  size_t position = 0;
-  for (size_t found = text.find(sub); found != std::string::npos;
-       found = text.find(sub, position)) {
-    result.append(text, position, found - position);
-    position = found + sub.size();
-  }
-  result.append(text, position, std::string::npos);
-  result.shrink_to_fit();
-  return result;
+  return replaceAll(text, sub, "");
 }
 
 std::string removeFirstSubString(const std::string& text, const std::string& sub) {

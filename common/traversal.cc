@@ -1,6 +1,5 @@
 #include "common/traversal.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,7 +17,9 @@
 #include <thread>
 #include <unordered_set>
 
+#include "common/dir_stream.h"
 #include "common/path_resolve.h"
+#include "common/unique_fd.h"
 #include "log/logger.h"
 
 namespace fs = std::filesystem;
@@ -35,32 +36,6 @@ constexpr size_t kMaxBatch = 1024;
 constexpr size_t kMinParallelBatch = 32;
 constexpr unsigned kMaxReaders = 4;
 
-// Owns the descriptor of an open directory. Entries are read with
-// getdents64 into one buffer per reader rather than through a DIR stream: a
-// stream costs an allocation and extra system calls for every directory.
-class DirFd {
- public:
-  DirFd() = default;
-  ~DirFd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  DirFd(const DirFd&) = delete;
-  DirFd& operator=(const DirFd&) = delete;
-
-  /// Opens `path` as a directory; `followLink` false refuses a symbolic link
-  /// in the last component. On failure returns false with errno set.
-  bool open(const char* path, bool followLink) {
-    int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-    if (!followLink) flags |= O_NOFOLLOW;
-    fd_ = ::open(path, flags);
-    return fd_ >= 0;
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_ = -1;
-};
-
 enum class EntryKind : unsigned char { kListed, kDirectory, kStatFailed };
 
 struct Entry {
@@ -75,10 +50,6 @@ struct Listing {
   int openError = 0;
   std::vector<Entry> entries;
 };
-
-bool isDotOrDotDot(const char* name) {
-  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
-}
 
 // Drops one trailing slash (not from "/" itself), then collapses every run of
 // slashes, so that child paths are built from one spelling of the root.
@@ -97,8 +68,7 @@ std::string normalizeRoot(const std::string& root) {
 // Opens `dir` and lstat()s each entry relative to the open descriptor, so the
 // kernel resolves one name per entry instead of the whole path. Keeps
 // regular files, links and directories; other kinds are dropped here.
-void readDirectory(const std::string& root, const std::string& dir, bool isRoot, char* buffer,
-                   Listing& listing) {
+void readDirectory(const std::string& root, const std::string& dir, bool isRoot, Listing& listing) {
   // Every queued path is built by appending to the root; anything else is
   // never opened.
   if (dir.compare(0, root.size(), root) != 0) {
@@ -107,41 +77,36 @@ void readDirectory(const std::string& root, const std::string& dir, bool isRoot,
   }
   // Below the root a directory was seen by lstat as a real directory; if it
   // has been swapped for a link since, refuse it rather than walk elsewhere.
-  DirFd handle;
-  if (!handle.open(dir.c_str(), isRoot)) {
+  int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+  if (!isRoot) flags |= O_NOFOLLOW;
+  zorv::UniqueFd fd(::open(dir.c_str(), flags));
+  if (!fd) {
     listing.openError = errno;
     return;
   }
-  const int fd = handle.get();
+  zorv::DirStream stream(std::move(fd), kEntryBufferBytes);
   const bool endsWithSlash = dir.back() == '/';
   struct stat st {};
-  ssize_t filled;
-  while ((filled = getdents64(fd, buffer, kEntryBufferBytes)) > 0) {
-    // Records take at least 24 bytes; most names are short enough for 32.
-    listing.entries.reserve(listing.entries.size() + filled / 32);
-    for (ssize_t offset = 0; offset < filled;) {
-      const auto* dirent = reinterpret_cast<const struct dirent64*>(buffer + offset);
-      offset += dirent->d_reclen;
-      const char* name = dirent->d_name;
-      if (isDotOrDotDot(name)) continue;
-      EntryKind kind = EntryKind::kStatFailed;
-      int error = 0;
-      if (fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-        error = errno;
-      } else if (S_ISDIR(st.st_mode)) {
-        kind = EntryKind::kDirectory;
-      } else if (S_ISLNK(st.st_mode) || S_ISREG(st.st_mode)) {
-        kind = EntryKind::kListed;
-      } else {
-        continue;  // devices, FIFOs and sockets are left out without a word
-      }
-      const size_t nameLength = std::strlen(name);
-      Entry& entry = listing.entries.emplace_back(Entry{std::string(), error, kind});
-      entry.path.reserve(dir.size() + 1 + nameLength);
-      entry.path.append(dir);
-      if (!endsWithSlash) entry.path.push_back('/');
-      entry.path.append(name, nameLength);
+  zorv::DirStream::Entry found;
+  while (stream.next(&found)) {
+    const char* name = found.name;
+    EntryKind kind = EntryKind::kStatFailed;
+    int error = 0;
+    if (fstatat(stream.fd(), name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      error = errno;
+    } else if (S_ISDIR(st.st_mode)) {
+      kind = EntryKind::kDirectory;
+    } else if (S_ISLNK(st.st_mode) || S_ISREG(st.st_mode)) {
+      kind = EntryKind::kListed;
+    } else {
+      continue;  // devices, FIFOs and sockets are left out without a word
     }
+    const size_t nameLength = std::strlen(name);
+    Entry& entry = listing.entries.emplace_back(Entry{std::string(), error, kind});
+    entry.path.reserve(dir.size() + 1 + nameLength);
+    entry.path.append(dir);
+    if (!endsWithSlash) entry.path.push_back('/');
+    entry.path.append(name, nameLength);
   }
 }
 
@@ -159,9 +124,8 @@ void readBatch(const std::string& root, const std::deque<std::string>& queue, si
   std::atomic<bool> failed{false};
   auto reader = [&] {
     try {
-      const std::unique_ptr<char[]> buffer(new char[kEntryBufferBytes]);
       for (size_t i = next++; i < count; i = next++) {
-        readDirectory(root, queue[first + i], first + i == 0, buffer.get(), listings[i]);
+        readDirectory(root, queue[first + i], first + i == 0, listings[i]);
       }
     } catch (...) {
       // Only the first failure is kept; the others stop their reader too.

@@ -1,11 +1,11 @@
 #include "common/wildcard.h"
 
 #include <fnmatch.h>
-#include <glob.h>
 
 #include <cerrno>
 #include <cstring>
 
+#include "common/glob_result.h"
 #include "log/logger.h"
 
 namespace {
@@ -13,20 +13,6 @@ namespace {
 constexpr size_t kMaxPatternBytes = 1024;
 constexpr size_t kMaxWildcards = 50;
 constexpr size_t kMaxSlashes = 20;
-
-// Owns a glob() result so that every exit frees it, failures included.
-class GlobResult {
- public:
-  GlobResult() { std::memset(&glob_, 0, sizeof(glob_)); }
-  ~GlobResult() { globfree(&glob_); }
-  GlobResult(const GlobResult&) = delete;
-  GlobResult& operator=(const GlobResult&) = delete;
-
-  glob_t* get() { return &glob_; }
-
- private:
-  glob_t glob_;
-};
 
 bool isWildcardChar(char c) { return c == '*' || c == '?' || c == '[' || c == ']'; }
 
@@ -107,21 +93,19 @@ std::vector<std::string> searchFilesByPattern(const std::string& pattern) {
     ZLOG_ERROR("Unsafe pattern detected: %s", pattern.c_str());
     return found;
   }
-  GlobResult result;
-  const int rc = glob(pattern.c_str(), GLOB_TILDE | GLOB_NOSORT, nullptr, result.get());
-  // Saved before anything else runs: the logger's first use may change it.
-  const int globErrno = errno;
-  switch (rc) {
+  // The errno of a failure is kept with the result: the logger's first use
+  // may change it.
+  const zorv::GlobResult result(pattern.c_str(), GLOB_TILDE | GLOB_NOSORT);
+  switch (result.status()) {
     case 0:
-      found.reserve(result.get()->gl_pathc);
-      for (size_t i = 0; i < result.get()->gl_pathc; ++i)
-        found.emplace_back(result.get()->gl_pathv[i]);
+      found.reserve(result.size());
+      for (size_t i = 0; i < result.size(); ++i) found.emplace_back(result[i]);
       break;
     case GLOB_NOSPACE:
       ZLOG_ERROR("Ran out of memory.");
       break;
     case GLOB_ABORTED:
-      ZLOG_ERROR("Read error. %s", strerror(globErrno));
+      ZLOG_ERROR("Read error. %s", strerror(result.error()));
       break;
     case GLOB_NOMATCH:
       // Kept at error level like every other glob outcome, although an empty

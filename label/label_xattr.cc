@@ -8,13 +8,12 @@
 #include <vector>
 
 #include "label/label.h"
+#include "label/label_attr.h"
 #include "log/logger.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr const char* kAttributeName = "security.zorv";
 
 // Follows links even for the no-dereference forms, so a dangling link counts
 // as missing. A directory on the way that cannot be searched throws
@@ -31,8 +30,8 @@ void requireExisting(const std::string& path) {
 }
 
 ssize_t readAttribute(const std::string& path, bool noDereference, void* value, size_t size) {
-  return noDereference ? lgetxattr(path.c_str(), kAttributeName, value, size)
-                       : getxattr(path.c_str(), kAttributeName, value, size);
+  return noDereference ? lgetxattr(path.c_str(), zorv::kLabelAttribute, value, size)
+                       : getxattr(path.c_str(), zorv::kLabelAttribute, value, size);
 }
 
 }  // namespace
@@ -59,7 +58,7 @@ int Label::getFromXattr(const std::string& path, const bool& noDereference) {
       return -1;
     }
     if (probed == 0)
-      throw LabelError(std::string("Extended attribute is empty: ") + kAttributeName, 6);
+      throw LabelError(std::string("Extended attribute is empty: ") + zorv::kLabelAttribute, 6);
     if (!tooLarge) {
       deserializeFromBuffer(small, static_cast<size_t>(probed));
       return 0;
@@ -96,11 +95,11 @@ int Label::setToXattr(const std::string& path, const bool& noDereference) {
     int result;
     int error;
     if (noDereference) {
-      result = lsetxattr(path.c_str(), kAttributeName, value.data(), written, 0);
+      result = lsetxattr(path.c_str(), zorv::kLabelAttribute, value.data(), written, 0);
       error = errno;
       ZLOG_DEBUG("lsetxattr: %d, path: %s", result, path.c_str());
     } else {
-      result = setxattr(path.c_str(), kAttributeName, value.data(), written, 0);
+      result = setxattr(path.c_str(), zorv::kLabelAttribute, value.data(), written, 0);
       error = errno;
       ZLOG_DEBUG("setxattr: %d, path: %s", result, path.c_str());
     }

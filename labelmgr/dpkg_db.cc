@@ -1,6 +1,5 @@
 #include "labelmgr/dpkg_db.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
@@ -14,6 +13,10 @@
 #include <memory>
 #include <string_view>
 
+#include "common/dir_stream.h"
+#include "common/env_path.h"
+#include "common/unique_fd.h"
+#include "common/whole_file.h"
 #include "labelmgr/image_root.h"
 #include "log/logger.h"
 
@@ -37,47 +40,15 @@ std::string fieldValue(const std::string& line, size_t nameLength) {
   return line.substr(first, last - first + 1);
 }
 
-struct DirCloser {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
-
-// Reads `path` whole into `content`: 0, or the errno of the open or of a
-// failed read (a short read is never taken for the end).
-int readWholeFile(const std::string& path, std::string* content) {
-  content->clear();
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return errno;
-  struct stat st;
-  size_t size = fstat(fd, &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
-  content->resize(size + 1);  // one more byte shows the end without another read()
-  size_t used = 0;
-  for (;;) {
-    if (used == content->size()) content->resize(2 * content->size());
-    ssize_t n = read(fd, content->data() + used, content->size() - used);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      int error = n < 0 ? errno : 0;
-      close(fd);
-      content->resize(used);
-      return error;
-    }
-    used += static_cast<size_t>(n);
-  }
-}
-
 }  // namespace
 
-std::string dpkgDirectory() {
-  const char* dir = getenv("ZORV_LABELMGR_DPKG_DIR");
-  if (dir != nullptr && *dir != '\0') return dir;
-  return "/var/lib/dpkg";
-}
+std::string dpkgDirectory() { return envPathOr("ZORV_LABELMGR_DPKG_DIR", "/var/lib/dpkg"); }
 
 bool readInstalledPackages(const std::string& dpkgDir, std::vector<std::string>* names) {
   names->clear();
   std::string path = dpkgDir + "/status";
   std::string content;
-  int error = readWholeFile(path, &content);
+  int error = readWholeFile(path.c_str(), &content) ? 0 : errno;
   if (error == ENOENT) {
     ZLOG_DEBUG("no dpkg status file in %s", dpkgDir.c_str());
     return true;
@@ -185,8 +156,8 @@ class ListReader {
 
   /// False (logged) when the list cannot be read whole.
   bool read(const std::string& path, uint32_t owner) {
-    int error = readWholeFile(path, &list_);
-    if (error != 0) {
+    if (!readWholeFile(path.c_str(), &list_)) {
+      int error = errno;
       ZLOG_ERROR("cannot read the dpkg file list %s: %s", path.c_str(), std::strerror(error));
       return false;
     }
@@ -277,31 +248,27 @@ bool OwnershipIndex::load(const std::string& dpkgDir, const std::vector<std::str
   std::string infoDir = dpkgDir + "/info";
   std::vector<ListFile> lists;
   {
-    std::unique_ptr<DIR, DirCloser> dir(opendir(infoDir.c_str()));
-    if (!dir) {
-      if (errno == ENOENT) {
-        ZLOG_DEBUG("no dpkg file lists in %s", infoDir.c_str());
-        return true;
-      }
-      ZLOG_ERROR("cannot read the dpkg file lists in %s: %s", infoDir.c_str(),
-                 std::strerror(errno));
-      return false;
+    UniqueFd fd(open(infoDir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    int error = fd ? 0 : errno;
+    if (error == ENOENT) {
+      ZLOG_DEBUG("no dpkg file lists in %s", infoDir.c_str());
+      return true;
     }
-    for (;;) {
-      errno = 0;
-      struct dirent* entry = readdir(dir.get());
-      if (entry == nullptr) {
-        if (errno == 0) break;
-        ZLOG_ERROR("cannot read the dpkg file lists in %s: %s", infoDir.c_str(),
-                   std::strerror(errno));
-        return false;
-      }
-      std::string_view file = entry->d_name;
+    DirStream dir(std::move(fd));
+    DirStream::Entry entry;
+    while (error == 0 && dir.next(&entry)) {
+      std::string_view file = entry.name;
       if (file.size() <= 5 || file.substr(file.size() - 5) != ".list") continue;
       std::string name(file.substr(0, std::min(file.size() - 5, file.find(':'))));
       auto it = std::lower_bound(packages.begin(), packages.end(), name);
       if (it == packages.end() || *it != name) continue;
       lists.push_back(ListFile{std::string(file), static_cast<uint32_t>(it - packages.begin())});
+    }
+    if (error == 0) error = dir.error();
+    if (error != 0) {
+      ZLOG_ERROR("cannot read the dpkg file lists in %s: %s", infoDir.c_str(),
+                 std::strerror(error));
+      return false;
     }
   }
 

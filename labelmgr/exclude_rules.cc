@@ -1,24 +1,21 @@
 #include "labelmgr/exclude_rules.h"
 
-#include <dirent.h>
+#include <fcntl.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <memory>
 
+#include "common/dir_stream.h"
+#include "common/env_path.h"
+#include "common/unique_fd.h"
+#include "common/whole_file.h"
 #include "common/wildcard.h"
 #include "log/logger.h"
 
 namespace zorv::labelmgr {
 
 namespace {
-
-struct DirCloser {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
 
 // Why `glob` can never match a canonical path, or "" when it can.
 std::string flaw(const std::string& glob) {
@@ -52,11 +49,7 @@ std::string tidy(std::string line) {
 
 }  // namespace
 
-std::string excludeDirectory() {
-  const char* dir = getenv("ZORV_LABELMGR_EXCLUDE_DIR");
-  if (dir != nullptr && *dir != '\0') return dir;
-  return kExcludeDirectory;
-}
+std::string excludeDirectory() { return envPathOr("ZORV_LABELMGR_EXCLUDE_DIR", kExcludeDirectory); }
 
 bool ExcludeRules::add(const std::string& glob, std::string* reason) {
   std::string tidied = tidy(glob);
@@ -71,35 +64,42 @@ bool ExcludeRules::add(const std::string& glob, std::string* reason) {
 bool ExcludeRules::load(const std::string& dir, std::vector<std::string>* problems) {
   std::vector<std::string> names;
   {
-    std::unique_ptr<DIR, DirCloser> stream(opendir(dir.c_str()));
-    if (!stream) {
+    UniqueFd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd) {
       if (errno == ENOENT) return true;
       ZLOG_ERROR("cannot read the exclude rules in %s: %s", dir.c_str(), std::strerror(errno));
       return false;
     }
-    while (struct dirent* entry = readdir(stream.get())) {
-      if (entry->d_name[0] != '.') names.push_back(entry->d_name);
+    DirStream stream(std::move(fd));
+    DirStream::Entry entry;
+    while (stream.next(&entry)) {
+      if (entry.name[0] != '.') names.push_back(entry.name);
+    }
+    if (stream.error() != 0) {
+      ZLOG_ERROR("cannot read the exclude rules in %s: %s", dir.c_str(),
+                 std::strerror(stream.error()));
+      return false;
     }
   }
   std::sort(names.begin(), names.end());
   for (const std::string& name : names) {
     std::string path = dir + "/" + name;
-    std::ifstream file(path);
-    if (!file) {
+    std::string content;
+    if (!readWholeFile(path.c_str(), &content)) {
       ZLOG_ERROR("cannot read the exclude rules in %s: %s", path.c_str(), std::strerror(errno));
       return false;
     }
-    std::string line, reason;
-    for (int number = 1; std::getline(file, line); ++number) {
-      std::string tidied = tidy(line);
+    std::string reason;
+    int number = 0;
+    for (size_t begin = 0; begin < content.size();) {
+      size_t end = std::min(content.find('\n', begin), content.size());
+      std::string tidied = tidy(content.substr(begin, end - begin));
+      begin = end + 1;
+      ++number;
       if (tidied.empty() || tidied[0] == '#' || add(tidied, &reason)) continue;
       std::string problem = path + ":" + std::to_string(number) + ": " + reason;
       ZLOG_ERROR("malformed exclude rule ignored: %s", problem.c_str());
       if (problems != nullptr) problems->push_back(problem);
-    }
-    if (file.bad()) {
-      ZLOG_ERROR("cannot read the exclude rules in %s", path.c_str());
-      return false;
     }
   }
   return true;

@@ -1,6 +1,5 @@
 #include "labelmgr/listener_dir.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/random.h>
@@ -15,6 +14,8 @@
 #include <ctime>
 #include <set>
 
+#include "common/dir_stream.h"
+#include "common/unique_fd.h"
 #include "log/logger.h"
 
 namespace zorv::labelmgr {
@@ -88,17 +89,17 @@ void removeListener(const StateDir& dir, const std::string& name) {
 
 std::vector<std::string> scanListeners(const StateDir& dir) {
   std::set<std::string> endpoints, locks;
-  int fd = ::openat(dir.fd.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  DIR* listing = fd < 0 ? nullptr : ::fdopendir(fd);
-  if (listing == nullptr) {
+  zorv::UniqueFd fd(::openat(dir.fd.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fd) {
+    int error = errno;
     ZLOG_ERROR("cannot list label change listeners in %s: %s", dir.path.c_str(),
-               std::strerror(errno));
-    if (fd >= 0) ::close(fd);
+               std::strerror(error));
     return {};
   }
-  while (const dirent* entry = ::readdir(listing)) {
-    std::string entryName = entry->d_name;
-    if (entryName == "." || entryName == "..") continue;
+  zorv::DirStream listing(std::move(fd));
+  zorv::DirStream::Entry entry;
+  while (listing.next(&entry)) {
+    std::string entryName = entry.name;
     std::string name;
     Kind kind = kindOf(entryName, &name);
     struct stat st;
@@ -117,7 +118,6 @@ std::vector<std::string> scanListeners(const StateDir& dir) {
       locks.insert(name);
     }
   }
-  ::closedir(listing);
 
   std::vector<std::string> live;
   for (const std::string& name : endpoints) {

@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "cli/zorvlabelmgr.h"
+#include "common/env_path.h"
 #include "common/path_safety.h"
 #include "common/sm3.h"
 #include "labelmgr/label_policy.h"
@@ -27,11 +28,6 @@ namespace lm = zorv::labelmgr;
 // The kernel keeps module names to 55 characters.
 constexpr size_t kMaxModuleName = 55;
 
-std::string envOr(const char* name, const std::string& fallback) {
-  const char* value = getenv(name);
-  return value != nullptr && *value != '\0' ? value : fallback;
-}
-
 // The kernel's own spelling: '-' and '_' are the same in module names.
 std::string kernelModuleName(const std::string& name) {
   std::string normal = name;
@@ -41,7 +37,7 @@ std::string kernelModuleName(const std::string& name) {
 }
 
 bool isModuleLoaded(const std::string& name) {
-  std::string dir = envOr("ZORV_LABELMGR_MODULE_DIR", "/sys/module") + "/" + name;
+  std::string dir = zorv::envPathOr("ZORV_LABELMGR_MODULE_DIR", "/sys/module") + "/" + name;
   struct stat st;
   return stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
@@ -49,7 +45,7 @@ bool isModuleLoaded(const std::string& name) {
 std::string modulesDepPath() {
   struct utsname system;
   std::string release = uname(&system) == 0 ? system.release : "";
-  return envOr("ZORV_LABELMGR_MODULES_DEP", "/lib/modules/" + release + "/modules.dep");
+  return zorv::envPathOr("ZORV_LABELMGR_MODULES_DEP", "/lib/modules/" + release + "/modules.dep");
 }
 
 // modules.dep lines read "kernel/dir/name.ko[.xz]: dependencies".

@@ -1,25 +1,8 @@
 #include "labelmgr/mount_points.h"
 
-#include <fcntl.h>
-#include <unistd.h>
+#include "common/whole_file.h"
 
 namespace zorv::labelmgr {
-namespace {
-
-// /proc files report no size: read until the end.
-bool readWholeFile(const char* path, std::string* content) {
-  int fd = ::open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  char buffer[16384];
-  ssize_t n;
-  while ((n = ::read(fd, buffer, sizeof buffer)) > 0)
-    content->append(buffer, static_cast<size_t>(n));
-  ::close(fd);
-  return n == 0;
-}
-
-}  // namespace
-
 std::string unescapeMountField(std::string_view field) {
   std::string text;
   for (size_t i = 0; i < field.size(); ++i) {

@@ -148,6 +148,12 @@ int handOverRecords(const std::vector<RecordRow>& rows, UserSetRecord** records)
   return static_cast<int>(rows.size());
 }
 
+bool placeGiven(const void* place, const char* what) {
+  if (place != nullptr) return true;
+  ZLOG_ERROR("no place for the %s", what);
+  return false;
+}
+
 std::string hex16(uint64_t value) {
   char text[17];
   snprintf(text, sizeof(text), "%016" PRIx64, value);

@@ -97,6 +97,10 @@ struct RecordRow {
 /// as it was; -1 (logged) when memory runs out.
 int handOverRecords(const std::vector<RecordRow>& rows, UserSetRecord** records);
 
+/// False, logging "no place for the <what>", when the caller passed no
+/// place (`place` is null) for an answer.
+bool placeGiven(const void* place, const char* what);
+
 /// "%016" PRIx64.
 std::string hex16(uint64_t value);
 

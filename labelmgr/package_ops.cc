@@ -66,11 +66,7 @@ int setPkgId(const char* pkgName, uint64_t pkgId) {
 }
 
 int getPkgId(const char* pkgName, uint64_t* pkgId) {
-  if (pkgId == nullptr) {
-    ZLOG_ERROR("no place for the package id");
-    return -1;
-  }
-  if (!lm::admitPackageName(pkgName)) return -1;
+  if (!lm::placeGiven(pkgId, "package id") || !lm::admitPackageName(pkgName)) return -1;
   bool absent = false;
   std::unique_ptr<lm::StateDb> db = openExisting(&absent);
   if (db == nullptr && !absent) return -1;
@@ -147,11 +143,7 @@ int clearUserSetPkgId() {
 }
 
 int queryUserSetPkgId(const char* pkgName, uint64_t* pkgId) {
-  if (pkgId == nullptr) {
-    ZLOG_ERROR("no place for the package id");
-    return -1;
-  }
-  if (!lm::admitPackageName(pkgName)) return -1;
+  if (!lm::placeGiven(pkgId, "package id") || !lm::admitPackageName(pkgName)) return -1;
   bool absent = false;
   std::unique_ptr<lm::StateDb> db = openExisting(&absent);
   if (db == nullptr) return absent ? 1 : -1;
@@ -167,10 +159,7 @@ int queryUserSetPkgId(const char* pkgName, uint64_t* pkgId) {
 }
 
 int showUserSetPkgId(UserSetRecord** records) {
-  if (records == nullptr) {
-    ZLOG_ERROR("no place for the records");
-    return -1;
-  }
+  if (!lm::placeGiven(records, "records")) return -1;
   bool absent = false;
   std::unique_ptr<lm::StateDb> db = openExisting(&absent);
   if (db == nullptr) return absent ? 0 : -1;

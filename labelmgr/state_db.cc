@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/env_path.h"
 #include "common/unique_fd.h"
 #include "labelmgr/sqlite_api.h"
 #include "labelmgr/state_files.h"
@@ -113,9 +114,7 @@ int userVersion(StateDb& db) {
 }  // namespace
 
 std::string stateDirectory() {
-  const char* dir = getenv("ZORV_LABELMGR_STATE_DIR");
-  if (dir != nullptr && *dir != '\0') return dir;
-  return ZORV_DEFAULT_STATE_DIR;
+  return envPathOr("ZORV_LABELMGR_STATE_DIR", ZORV_DEFAULT_STATE_DIR);
 }
 
 std::unique_ptr<StateDb> StateDb::open(OpenMode mode, bool* absent, const std::string* directory) {

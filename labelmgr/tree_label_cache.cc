@@ -1,6 +1,5 @@
 #include "labelmgr/tree_label_cache.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
@@ -10,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/dir_stream.h"
 #include "common/unique_fd.h"
 #include "labelmgr/dpkg_db.h"
 #include "labelmgr/label_policy.h"
@@ -122,12 +122,13 @@ uint64_t TreeLabelCache::fingerprint(const std::vector<FileRule>& rules,
   std::string dpkgDir = dpkgDirOf != nullptr ? *dpkgDirOf : dpkgDirectory();
   addFileState(fnv, dpkgDir + "/status");
   std::vector<std::string> lists;
-  if (DIR* dir = ::opendir((dpkgDir + "/info").c_str())) {
-    while (dirent* entry = ::readdir(dir)) {
-      std::string name = entry->d_name;
+  if (UniqueFd fd{::open((dpkgDir + "/info").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)}) {
+    DirStream dir(std::move(fd));
+    DirStream::Entry entry;
+    while (dir.next(&entry)) {
+      std::string name = entry.name;
       if (name.size() > 5 && name.compare(name.size() - 5, 5, ".list") == 0) lists.push_back(name);
     }
-    ::closedir(dir);
   }
   std::sort(lists.begin(), lists.end());
   for (const std::string& name : lists) {
@@ -162,23 +163,20 @@ bool openCacheDirectory(const std::string& file, StateDir* dir, std::string* nam
 // removes those whose process is gone (a live one may be saving right now).
 void removeAbandonedTemporaries(const StateDir& state, const std::string& file) {
   std::string prefix = file + ".tmp.";
-  int fd = ::openat(state.fd.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  DIR* dir = fd < 0 ? nullptr : ::fdopendir(fd);
-  if (dir == nullptr) {
-    if (fd >= 0) ::close(fd);
-    return;
-  }
-  while (const struct dirent* entry = ::readdir(dir)) {
-    const char* name = entry->d_name;
+  UniqueFd fd(::openat(state.fd.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fd) return;
+  DirStream dir(std::move(fd));
+  DirStream::Entry entry;
+  while (dir.next(&entry)) {
+    const char* name = entry.name;
     if (std::strncmp(name, prefix.c_str(), prefix.size()) != 0) continue;
     char* end = nullptr;
     long pid = std::strtol(name + prefix.size(), &end, 10);
     if (end == name + prefix.size() || *end != '\0' || pid <= 0 || pid == ::getpid()) continue;
     if (::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
-      ::unlinkat(::dirfd(dir), name, 0);
+      ::unlinkat(dir.fd(), name, 0);
     }
   }
-  ::closedir(dir);
 }
 
 // Why the opened cache file cannot be what save() wrote, or "" when its

@@ -17,6 +17,8 @@
 #include <log4cpp/Priority.hh>
 #include <log4cpp/PropertyConfigurator.hh>
 
+#include "common/env_path.h"
+
 namespace {
 
 constexpr const char* kPropertiesFile = "/etc/zorv/label/zorv-label-log.properties";
@@ -24,11 +26,6 @@ constexpr const char* kFallbackLogFile = "/var/log/zorv/zorv_label_manager.log";
 constexpr const char* kFallbackPattern = "%d{%Y-%m-%d %H:%M:%S.%l} %t [%p] %m %n";
 constexpr unsigned int kConfiguredFileMode = 0640;
 constexpr size_t kPrefixBufferSize = 1024;
-
-std::string fromEnvOr(const char* name, const char* fallback) {
-  const char* value = std::getenv(name);
-  return value != nullptr && *value != '\0' ? value : fallback;
-}
 
 std::string trimBlanks(const std::string& text) {
   size_t first = text.find_first_not_of(" \t");
@@ -65,7 +62,7 @@ Logger& Logger::getInstance() {
 }
 
 Logger::Logger() : root(&log4cpp::Category::getRoot()) {
-  const std::string properties = fromEnvOr("ZORV_LABEL_LOG_PROPERTIES", kPropertiesFile);
+  const std::string properties = zorv::envPathOr("ZORV_LABEL_LOG_PROPERTIES", kPropertiesFile);
   try {
     std::set<std::string> files = getLogFilePathsFromConfig(properties);
     log4cpp::PropertyConfigurator::configure(properties);
@@ -76,7 +73,7 @@ Logger::Logger() : root(&log4cpp::Category::getRoot()) {
   } catch (const std::runtime_error&) {
     std::cout << "read log config error." << std::endl;
     auto* appender = new log4cpp::FileAppender(
-        "rootAppender", fromEnvOr("ZORV_LABEL_LOG_FALLBACK", kFallbackLogFile), true, 0644);
+        "rootAppender", zorv::envPathOr("ZORV_LABEL_LOG_FALLBACK", kFallbackLogFile), true, 0644);
     auto* layout = new log4cpp::PatternLayout();
     layout->setConversionPattern(kFallbackPattern);
     appender->setLayout(layout);

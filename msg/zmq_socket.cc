@@ -20,6 +20,12 @@ class MessageGuard {
   zmq_msg_t* message_;
 };
 
+// The socket types are passed to libzmq as they are.
+static_assert(ZMQSocket::PAIR == ZMQ_PAIR && ZMQSocket::PUB == ZMQ_PUB &&
+                  ZMQSocket::SUB == ZMQ_SUB && ZMQSocket::PULL == ZMQ_PULL &&
+                  ZMQSocket::PUSH == ZMQ_PUSH && ZMQSocket::STREAM == ZMQ_STREAM,
+              "socket types numbered as libzmq numbers them");
+
 }  // namespace
 
 ZMQSocket::ZMQSocket(socketType type) {

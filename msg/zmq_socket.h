@@ -12,20 +12,7 @@
 class ZORV_EXPORT ZMQSocket {
  public:
   /// ZeroMQ's own socket-type numbers.
-  enum socketType {
-    PAIR = 0,
-    PUB = 1,
-    SUB = 2,
-    REQ = 3,
-    REP = 4,
-    DEALER = 5,
-    ROUTER = 6,
-    PULL = 7,
-    PUSH = 8,
-    XPUB = 9,
-    XSUB = 10,
-    STREAM = 11,
-  };
+  enum socketType { PAIR = 0, PUB, SUB, REQ, REP, DEALER, ROUTER, PULL, PUSH, XPUB, XSUB, STREAM };
 
   /// Throws std::runtime_error "Failed to create ZMQ context." or
   /// "Failed to create ZMQ socket.".

@@ -5,6 +5,7 @@
 # directory is touched.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source scripts/lib.sh
 work=$(mktemp -d /tmp/zorv-demo.XXXXXX)
 trap 'rm -rf "$work"' EXIT
 
@@ -29,20 +30,10 @@ echo "notes" >"$tree/data/notes.txt"
 echo "started" >"$tree/data/logs/today.log"
 
 # Our library's state, a package database of its own, and the log.
-export ZORV_LABELMGR_STATE_DIR=$work/state
-export ZORV_LABELMGR_DPKG_DIR=$work/dpkg
-mkdir -p "$work/dpkg/info"
+zorv_scratch_state "$work"
 printf 'Package: demo-app\nStatus: install ok installed\nVersion: 1.0\n\n' >"$work/dpkg/status"
 printf '/.\n%s\n%s\n' "$tree/bin" "$tree/bin/demo-app" >"$work/dpkg/info/demo-app.list"
-export ZORV_LABEL_LOG_PROPERTIES=$work/log.properties
-cat >"$ZORV_LABEL_LOG_PROPERTIES" <<PROPERTIES
-log4cpp.rootCategory=INFO, A1
-log4cpp.appender.A1=FileAppender
-log4cpp.appender.A1.fileName=$work/zorv_label_manager.log
-log4cpp.appender.A1.layout=PatternLayout
-log4cpp.appender.A1.layout.ConversionPattern=%d{%H:%M:%S.%l} [%p] %m %n
-log4cpp.category.INFO=INFO, A1
-PROPERTIES
+zorv_log_into "$work/zorv_label_manager.log" INFO PatternLayout '%d{%H:%M:%S.%l} [%p] %m %n'
 
 say() { printf '\n# %s\n' "$*"; }
 run() {

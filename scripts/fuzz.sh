@@ -10,6 +10,7 @@
 #   FUZZ_BUILD_DIR build directory (default build-fuzz)
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source scripts/lib.sh
 
 seconds=${FUZZ_SECONDS:-60}
 build=${FUZZ_BUILD_DIR:-build-fuzz}
@@ -49,14 +50,7 @@ work=$(mktemp -d -p "$scratch")
 trap 'rm -rf "$work"' EXIT
 mkdir -p "$work/tmp"
 # Logging costs nothing when only FATAL gets through; nothing goes to /var/log.
-cat >"$work/log.properties" <<EOF
-log4cpp.rootCategory=FATAL, F
-log4cpp.appender.F=FileAppender
-log4cpp.appender.F.fileName=$work/fuzz.log
-log4cpp.appender.F.layout=BasicLayout
-log4cpp.category.INFO=FATAL, F
-EOF
-export ZORV_LABEL_LOG_PROPERTIES=$work/log.properties
+zorv_log_into "$work/fuzz.log" FATAL BasicLayout
 export TMPDIR=$work/tmp
 export UBSAN_OPTIONS=print_stacktrace=1
 

@@ -12,13 +12,9 @@
 // as it is, and under zorv-no-xattrat (ZORV_EXPECT_NO_XATTRAT=1), so that the
 // library's way of working without the *xattrat calls meets the same attacks.
 #include <fcntl.h>
-#include <grp.h>
-#include <poll.h>
-#include <signal.h>
 #include <stdio.h>
-#include <sys/inotify.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
+#include <sys/syscall.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -35,13 +31,18 @@
 #include "cli/tool_runner.h"
 #include "label/label.h"
 #include "testing/own_library_test.h"
+#include "tests/race/swapper.h"
 
 namespace {
 
+using zorv_race::kUser;
+using zorv_race::Swap;
+using zorv_race::swapName;
+using zorv_race::swapNames;
+using zorv_race::Swapper;
 using zorv_testing::runTool;
 using zorv_testing::ToolResult;
 
-constexpr uid_t kUser = 65534;
 constexpr char kAttribute[] = "security.zorv";
 constexpr int kGetXattrAt = 464;  // the same number on every architecture
 
@@ -89,116 +90,6 @@ void makeFile(const std::string& path, uid_t owner) {
   close(fd);
   ASSERT_EQ(chown(path.c_str(), owner, owner), 0) << path;
 }
-
-// Exchanges two names atomically, so that at every moment ROOT/u is either
-// the real directory or the link.
-bool swapNames(const std::string& a, const std::string& b) {
-  return renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) == 0;
-}
-
-bool dropToUser() { return setgroups(0, nullptr) == 0 && setgid(kUser) == 0 && setuid(kUser) == 0; }
-
-// How the user swaps ROOT/u for the link.
-enum class Swap {
-  kNone,     // not at all: shows what the run changes in the tree
-  kEarly,    // before the run starts, for good
-  kFlip,     // back and forth all through the run
-  kReached,  // once for good, as soon as any label in ROOT/u changes
-};
-
-const char* swapName(Swap swap) {
-  switch (swap) {
-    case Swap::kNone:
-      return "not swapped";
-    case Swap::kEarly:
-      return "swapped before the run";
-    case Swap::kFlip:
-      return "swapped back and forth";
-    case Swap::kReached:
-      return "swapped once reached";
-  }
-  return "";
-}
-
-// The user's process. Started ready (the early swap made, the watches set);
-// stopped and the real directory put back when it goes away.
-class Swapper {
- public:
-  Swapper(Swap swap, const std::string& dir, const std::string& link,
-          const std::vector<std::string>& watched)
-      : dir_(dir), link_(link) {
-    int report[2];  // "r" once ready, then the number of swaps at the end
-    if (pipe2(report, O_CLOEXEC) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-      close(report[0]);
-      if (!dropToUser()) _exit(1);
-      run(swap, watched, report[1]);
-    }
-    close(report[1]);
-    report_ = report[0];
-    char byte = 0;
-    started_ = read(report_, &byte, 1) == 1;
-  }
-
-  ~Swapper() { stop(); }
-
-  bool started() const { return started_; }
-
-  // Stops the user's process and answers how often it swapped (-1: unknown).
-  long stop() {
-    if (pid_ <= 0) return swaps_;
-    kill(pid_, SIGUSR1);
-    std::string count;
-    char buffer[32];
-    for (ssize_t n; (n = read(report_, buffer, sizeof buffer)) > 0;) count.append(buffer, n);
-    close(report_);
-    waitpid(pid_, nullptr, 0);
-    pid_ = 0;
-    swaps_ = count.empty() ? -1 : std::stol(count);
-    struct stat st;
-    if (lstat(dir_.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) swapNames(dir_, link_);
-    return swaps_;
-  }
-
- private:
-  static volatile sig_atomic_t stopping_;
-
-  [[noreturn]] void run(Swap swap, const std::vector<std::string>& watched, int report) {
-    signal(SIGUSR1, [](int) { stopping_ = 1; });
-    long swaps = 0;
-    // A label written on an entry of a watched directory (or on the directory
-    // itself) is an attribute change, which inotify reports at once.
-    const int changes = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    for (const std::string& dir : watched)
-      if (inotify_add_watch(changes, dir.c_str(), IN_ATTRIB | IN_DONT_FOLLOW) < 0) _exit(1);
-    if (swap == Swap::kEarly) swaps += swapNames(dir_, link_);
-    if (write(report, "r", 1) != 1) _exit(1);
-    if (swap == Swap::kFlip) {
-      while (!stopping_) {
-        swaps += swapNames(dir_, link_);
-        usleep(200);
-        swaps += swapNames(dir_, link_);
-        usleep(200);
-      }
-    } else if (swap == Swap::kReached) {
-      pollfd changed{changes, POLLIN, 0};
-      while (!stopping_ && poll(&changed, 1, 1) == 0) continue;
-      if (!stopping_) swaps += swapNames(dir_, link_);
-    }
-    while (!stopping_) usleep(1000);
-    const std::string count = std::to_string(swaps);
-    _exit(write(report, count.data(), count.size()) < 0);
-  }
-
-  std::string dir_, link_;
-  pid_t pid_ = -1;
-  int report_ = -1;
-  bool started_ = false;
-  long swaps_ = 0;
-};
-
-volatile sig_atomic_t Swapper::stopping_ = 0;
 
 class RaceTest : public zorv_testing::OwnLibraryTest {
  protected:
