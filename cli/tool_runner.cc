@@ -19,7 +19,14 @@ namespace zorv_testing {
 
 ToolResult runTool(const std::vector<std::string>& args,
                    const std::map<std::string, std::string>& env, double timeoutSeconds) {
-  std::vector<std::string> argvTexts{"zorv-label-manager-tool"}, envTexts;
+  return runProgram(ZORV_TOOL_PATH, "zorv-label-manager-tool", args, env, "", timeoutSeconds);
+}
+
+ToolResult runProgram(const std::string& program, const std::string& name,
+                      const std::vector<std::string>& args,
+                      const std::map<std::string, std::string>& env, const std::string& input,
+                      double timeoutSeconds) {
+  std::vector<std::string> argvTexts{name}, envTexts;
   argvTexts.insert(argvTexts.end(), args.begin(), args.end());
   for (char** e = environ; *e != nullptr; ++e)
     if (env.count(std::string(*e, std::strcspn(*e, "="))) == 0) envTexts.push_back(*e);
@@ -34,11 +41,12 @@ ToolResult runTool(const std::vector<std::string>& args,
   // Output goes to files rather than pipes: nothing to drain while the run
   // goes on, and another thread's child cannot inherit our end of a pipe.
   ScopedTempDir dir;
-  const std::string outPath = dir / "out", errPath = dir / "err";
+  const std::string inPath = dir / "in", outPath = dir / "out", errPath = dir / "err";
+  writeTextFile(inPath, input);
   const pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {  // only async-signal-safe calls from here on
-    const int in = open("/dev/null", O_RDONLY);
+    const int in = open(inPath.c_str(), O_RDONLY);
     const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     if (in < 0 || out < 0 || err < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0)
@@ -46,7 +54,7 @@ ToolResult runTool(const std::vector<std::string>& args,
     // An abnormal end is expected in some tests; leave no core file behind.
     const struct rlimit noCore = {0, 0};
     setrlimit(RLIMIT_CORE, &noCore);
-    execve(ZORV_TOOL_PATH, argv.data(), envp.data());
+    execve(program.c_str(), argv.data(), envp.data());
     _exit(127);
   }
   const auto deadline =

@@ -23,6 +23,12 @@ struct ToolResult {
 /// going after `timeoutSeconds`.
 ToolResult runTool(const std::vector<std::string>& args,
                    const std::map<std::string, std::string>& env = {}, double timeoutSeconds = 30);
+/// As runTool, for any program: `program` run as argv[0] `name`, with `input`
+/// on its standard input.
+ToolResult runProgram(const std::string& program, const std::string& name,
+                      const std::vector<std::string>& args,
+                      const std::map<std::string, std::string>& env = {},
+                      const std::string& input = "", double timeoutSeconds = 30);
 /// Expects exactly `out` and `err` from `r`, exit status `status` and no signal.
 void expectResult(const ToolResult& r, const std::string& out, int status = 0,
                   const std::string& err = "");

@@ -17,9 +17,8 @@ int checkTree(const AuditOptions& options, const std::vector<std::string>& paths
   if (!context.open(options, error)) return -1;
   std::vector<lm::FileRule> rules;
   std::vector<lm::PkgIdRule> packageIds;
-  if (context.db != nullptr &&
-      (!lm::loadFileRules(*context.db, std::nullopt, &rules) ||
-       !lm::loadPkgIds(*context.db, &packageIds))) {
+  if (context.db != nullptr && (!lm::loadFileRules(*context.db, std::nullopt, &rules) ||
+                                !lm::loadPkgIds(*context.db, &packageIds))) {
     *error = "cannot read the state database (see the log)";
     return -1;
   }

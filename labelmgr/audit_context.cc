@@ -75,7 +75,8 @@ void reportFields(const LabelPolicy& policy, const LabelEvaluation& wanted, cons
   }
   // Nothing sets a creator OID: a label carrying one differs from what a
   // rerun would write.
-  if (onlyDiffering && current != nullptr && (current->creatorOid_.pkg_ | current->creatorOid_.file_ | current->creatorOid_.path_) != 0) {
+  if (onlyDiffering && current != nullptr &&
+      (current->creatorOid_.pkg_ | current->creatorOid_.file_ | current->creatorOid_.path_) != 0) {
     report->fields.push_back(
         {"creator-oid", current->creatorOid_.toString(), Id().toString(), "default policy"});
   }

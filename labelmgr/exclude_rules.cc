@@ -20,7 +20,7 @@ namespace {
 // Why `glob` can never match a canonical path, or "" when it can.
 std::string flaw(const std::string& glob) {
   if (glob.empty() || glob[0] != '/') return "not an absolute path";
-  for (size_t begin = 1; begin <= glob.size(); ) {
+  for (size_t begin = 1; begin <= glob.size();) {
     size_t end = std::min(glob.find('/', begin), glob.size());
     std::string part = glob.substr(begin, end - begin);
     if (glob.size() > 1 && (part.empty() || part == "." || part == ".."))

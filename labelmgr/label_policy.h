@@ -47,9 +47,9 @@ enum class ValueSource : uint8_t {
 /// LabelPolicy::describe(). Valid while the policy that made it lives.
 struct LabelEvaluation {
   Label label;
-  ValueSource source[4] = {};          // indexed by Field
-  const FileRule* rule[4] = {};        // the deciding rule of a rule source
-  uint32_t owner = UINT32_MAX;         // index of the owning installed package, if any
+  ValueSource source[4] = {};    // indexed by Field
+  const FileRule* rule[4] = {};  // the deciding rule of a rule source
+  uint32_t owner = UINT32_MAX;   // index of the owning installed package, if any
 };
 
 /// Everything needed to label files, loaded once; afterwards every method is
