@@ -34,34 +34,14 @@ command -v setfattr >/dev/null || { echo "setfattr is missing (package attr)" >&
 work=$(mktemp -d "${TMPDIR:-/tmp}/zorv-tree-bench-XXXXXX")
 trap 'rm -rf "$work"' EXIT
 [[ -n ${DPKG_DIR:-} ]] && export ZORV_LABELMGR_DPKG_DIR="$DPKG_DIR"
-cat >"$work/log.properties" <<EOF
-log4cpp.rootCategory=INFO, B
-log4cpp.appender.B=FileAppender
-log4cpp.appender.B.fileName=$work/bench.log
-log4cpp.appender.B.layout=PatternLayout
-log4cpp.appender.B.layout.ConversionPattern=%d [%p] %m%n
-EOF
-export ZORV_LABEL_LOG_PROPERTIES="$work/log.properties"
+source "$(dirname "$0")/bench_tree.sh"
+log_to "$work"
 
-# 10 x 100 directories of 100 files each (scaled to $files).
-make_tree() {
-  local root=$1 per_dir=100 dirs=$(((files + 99) / 100))
-  local d
-  for ((d = 0; d < dirs; d++)); do printf '%s/d%d/s%d\n' "$root" $((d / 100)) $((d % 100)); done |
-    xargs mkdir -p
-  for ((d = 0; d < dirs; d++)); do
-    printf "$root/d$((d / 100))/s$((d % 100))/file-%d\n" $(seq 0 $((per_dir - 1)))
-  done | head -n "$files" | xargs touch
-}
 make_tree "$work/A"
 make_tree "$work/B"
 entries=$(find "$work/A" | wc -l)
 
-now() { date +%s.%N; }
-elapsed() { echo "$2 - $1" | bc -l; }
 zeros=0x$(printf '00%.0s' $(seq 25))
-unlabel() { find "$1" -print0 | xargs -0 setfattr -x security.zorv 2>/dev/null || true; }
-median() { printf '%s\n' "$@" | sort -g | awk '{v[NR] = $1} END {print v[int((NR + 1) / 2)]}'; }
 
 as=() bs=() cs=() ds=() es=()
 for ((round = 1; round <= rounds; round++)); do

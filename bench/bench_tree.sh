@@ -1,0 +1,34 @@
+# Sourced by the benchmark scripts: the tree they time, its labels, the log,
+# the clock.
+
+# make_tree ROOT builds the benchmark tree of $files files under ROOT, 100 files per directory in directories
+# d0/s0 .. d0/s99, d1/s0 ... (10 x 100 directories for 100,000 files).
+make_tree() {
+  local root=$1 per_dir=100 dirs=$(((files + 99) / 100))
+  local d
+  for ((d = 0; d < dirs; d++)); do printf '%s/d%d/s%d\n' "$root" $((d / 100)) $((d % 100)); done |
+    xargs mkdir -p
+  for ((d = 0; d < dirs; d++)); do
+    printf "$root/d$((d / 100))/s$((d % 100))/file-%d\n" $(seq 0 $((per_dir - 1)))
+  done | head -n "$files" | xargs touch
+}
+
+# log_to WORK: the programs log to WORK/bench.log (INFO and above) through
+# WORK/log.properties.
+log_to() {
+  cat >"$1/log.properties" <<PROPERTIES
+log4cpp.rootCategory=INFO, B
+log4cpp.appender.B=FileAppender
+log4cpp.appender.B.fileName=$1/bench.log
+log4cpp.appender.B.layout=PatternLayout
+log4cpp.appender.B.layout.ConversionPattern=%d [%p] %m%n
+PROPERTIES
+  export ZORV_LABEL_LOG_PROPERTIES="$1/log.properties"
+}
+
+# unlabel ROOT removes every label under ROOT.
+unlabel() { find "$1" -print0 | xargs -0 setfattr -x security.zorv 2>/dev/null || true; }
+
+now() { date +%s.%N; }
+elapsed() { echo "$2 - $1" | bc -l; }
+median() { printf '%s\n' "$@" | sort -g | awk '{v[NR] = $1} END {print v[int((NR + 1) / 2)]}'; }
