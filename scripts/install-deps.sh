@@ -4,7 +4,7 @@ set -euo pipefail
 
 packages=(
   g++ make cmake pkg-config
-  liblog4cpp5-dev libssl-dev libzmq3-dev libsqlite3-dev sqlite3
+  liblog4cpp5-dev libssl-dev libzmq3-dev libsqlite3-dev sqlite3 nlohmann-json3-dev
   googletest libgtest-dev libgmock-dev
   attr strace
   dpkg-dev file man-db
