@@ -73,6 +73,9 @@ TEST_F(AuditE2eTest, CheckFindsChangedLabelsAndNamesTheRuleBehindEachValue) {
   expectResult(audit({"check", "--exclude", root_ + "/share/*", root_}), "", 0,
                "zorv-label-audit: malformed exclude rule: " + base_ +
                    "/exclude.d/local:4: not an absolute path\n");
+  ASSERT_EQ(0, runTool({"-a", "-s", root_}).status);  // whole-tree labelling passes it over too
+  EXPECT_FALSE(hasLabel(plain));
+  EXPECT_TRUE(hasLabel(shared));
 }
 
 TEST_F(AuditE2eTest, ExplainSaysWhereEachValueComesFrom) {
