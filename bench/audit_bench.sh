@@ -25,13 +25,8 @@ rounds=${ROUNDS:-3}
 for program in "$tool" "$audit"; do
   [[ -x $program ]] || { echo "no $program: build it first" >&2; exit 2; }
 done
-command -v setfattr >/dev/null || { echo "setfattr is missing (package attr)" >&2; exit 2; }
-
-work=$(mktemp -d "${TMPDIR:-/tmp}/zorv-audit-bench-XXXXXX")
-trap 'rm -rf "$work"' EXIT
-[[ -n ${DPKG_DIR:-} ]] && export ZORV_LABELMGR_DPKG_DIR="$DPKG_DIR"
 source "$(dirname "$0")/bench_tree.sh"
-log_to "$work"
+bench_workdir audit
 export ZORV_LABELMGR_EXCLUDE_DIR="$work/exclude.d"
 
 make_tree "$work/A"

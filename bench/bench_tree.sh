@@ -13,17 +13,22 @@ make_tree() {
   done | head -n "$files" | xargs touch
 }
 
-# log_to WORK: the programs log to WORK/bench.log (INFO and above) through
-# WORK/log.properties.
-log_to() {
-  cat >"$1/log.properties" <<PROPERTIES
+# bench_workdir NAME: makes the scratch directory $work (removed on exit),
+# where the programs log (INFO and above, to $work/bench.log); the package
+# database is $DPKG_DIR when set, else the system's. Needs setfattr.
+bench_workdir() {
+  command -v setfattr >/dev/null || { echo "setfattr is missing (package attr)" >&2; exit 2; }
+  work=$(mktemp -d "${TMPDIR:-/tmp}/zorv-$1-bench-XXXXXX")
+  trap 'rm -rf "$work"' EXIT
+  if [[ -n ${DPKG_DIR:-} ]]; then export ZORV_LABELMGR_DPKG_DIR="$DPKG_DIR"; fi
+  cat >"$work/log.properties" <<PROPERTIES
 log4cpp.rootCategory=INFO, B
 log4cpp.appender.B=FileAppender
-log4cpp.appender.B.fileName=$1/bench.log
+log4cpp.appender.B.fileName=$work/bench.log
 log4cpp.appender.B.layout=PatternLayout
 log4cpp.appender.B.layout.ConversionPattern=%d [%p] %m%n
 PROPERTIES
-  export ZORV_LABEL_LOG_PROPERTIES="$1/log.properties"
+  export ZORV_LABEL_LOG_PROPERTIES="$work/log.properties"
 }
 
 # unlabel ROOT removes every label under ROOT.

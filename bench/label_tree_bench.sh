@@ -29,13 +29,8 @@ driver="$build/bench/label_tree_bench"
 files=${FILES:-100000}
 rounds=${ROUNDS:-3}
 [[ -x $driver ]] || { echo "no $driver: build the label_tree_bench target first" >&2; exit 2; }
-command -v setfattr >/dev/null || { echo "setfattr is missing (package attr)" >&2; exit 2; }
-
-work=$(mktemp -d "${TMPDIR:-/tmp}/zorv-tree-bench-XXXXXX")
-trap 'rm -rf "$work"' EXIT
-[[ -n ${DPKG_DIR:-} ]] && export ZORV_LABELMGR_DPKG_DIR="$DPKG_DIR"
 source "$(dirname "$0")/bench_tree.sh"
-log_to "$work"
+bench_workdir tree
 
 make_tree "$work/A"
 make_tree "$work/B"
