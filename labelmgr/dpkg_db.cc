@@ -42,7 +42,7 @@ std::string fieldValue(const std::string& line, size_t nameLength) {
 
 }  // namespace
 
-std::string dpkgDirectory() { return envPathOr("ZORV_LABELMGR_DPKG_DIR", "/var/lib/dpkg"); }
+std::string dpkgDirectory() { return envPathOr("ZORV_LABELMGR_DPKG_DIR", kDpkgDirectory); }
 
 bool readInstalledPackages(const std::string& dpkgDir, std::vector<std::string>* names) {
   names->clear();

@@ -14,7 +14,9 @@ namespace zorv::labelmgr {
 
 class ImageRoot;
 
-/// $ZORV_LABELMGR_DPKG_DIR when set and non-empty, else /var/lib/dpkg.
+constexpr char kDpkgDirectory[] = "/var/lib/dpkg";
+
+/// $ZORV_LABELMGR_DPKG_DIR when set and non-empty, else kDpkgDirectory.
 std::string dpkgDirectory();
 
 /// Names of the packages that the "status" file marks installed, sorted and

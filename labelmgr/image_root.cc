@@ -8,10 +8,6 @@
 #include "labelmgr/exclude_rules.h"
 #include "labelmgr/state_db.h"
 
-#ifndef ZORV_DEFAULT_STATE_DIR
-#define ZORV_DEFAULT_STATE_DIR "/var/lib/zorv/label"
-#endif
-
 namespace zorv::labelmgr {
 
 bool ImageRoot::open(const std::string& dir, std::string* error) {
@@ -41,12 +37,12 @@ std::string ImageRoot::canonical(const std::string& path) const {
 
 std::string ImageRoot::dpkgDirectory() const {
   if (isSystem()) return labelmgr::dpkgDirectory();
-  return hostPath(canonical("/var/lib/dpkg"));
+  return hostPath(canonical(kDpkgDirectory));
 }
 
 std::string ImageRoot::stateDirectory() const {
   if (isSystem()) return labelmgr::stateDirectory();
-  return hostPath(canonical(ZORV_DEFAULT_STATE_DIR));
+  return hostPath(canonical(builtInStateDirectory()));
 }
 
 std::string ImageRoot::excludeDirectory() const {

@@ -117,6 +117,8 @@ std::string stateDirectory() {
   return envPathOr("ZORV_LABELMGR_STATE_DIR", ZORV_DEFAULT_STATE_DIR);
 }
 
+const char* builtInStateDirectory() { return ZORV_DEFAULT_STATE_DIR; }
+
 std::unique_ptr<StateDb> StateDb::open(OpenMode mode, bool* absent, const std::string* directory) {
   if (absent != nullptr) *absent = false;
   bool create = mode == OpenMode::kCreate;

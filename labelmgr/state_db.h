@@ -22,6 +22,9 @@ namespace zorv::labelmgr {
 /// $ZORV_LABELMGR_STATE_DIR when set and non-empty, else the built-in default
 /// (/var/lib/zorv/label).
 std::string stateDirectory();
+/// The built-in default alone, whatever the environment says (a system
+/// image's own state directory lies there inside it).
+const char* builtInStateDirectory();
 
 class StateDb {
  public:
