@@ -7,15 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "testing/child_process.h"
 #include "testing/test_util.h"
 
 namespace zorv_testing {
 
-struct ToolResult {
-  std::string out, err;
-  int status = -1;  // exit status, or -1 when a signal ended the run
-  int signal = 0;   // the signal that ended the run, or 0
-};
+using ToolResult = ChildResult;
 
 /// Runs the tool (argv[0] "zorv-label-manager-tool") with `args`, stdin from
 /// /dev/null, the test process's environment plus `env` (an empty value
