@@ -1,8 +1,11 @@
 #include "labelmgr/mount_points.h"
 
+#include <fcntl.h>
+
 #include "common/whole_file.h"
 
 namespace zorv::labelmgr {
+
 std::string unescapeMountField(std::string_view field) {
   std::string text;
   for (size_t i = 0; i < field.size(); ++i) {
