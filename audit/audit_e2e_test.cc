@@ -20,7 +20,9 @@ const std::string kZeroId = "0000000000000000-0000000000000000-0000000000000000"
 class AuditE2eTest : public LabelMgrTest {
  protected:
   static ToolResult audit(const std::vector<std::string>& args, const std::string& input = "") {
-    return runProgram(ZORV_AUDIT_PATH, "zorv-label-audit", args, {}, input);
+    std::vector<std::string> argv{"zorv-label-audit"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return runChild(ZORV_AUDIT_PATH, argv, currentEnvironment(), 30, input);
   }
   // The policy OID text of a canonical path owned by a package with `pkgId`.
   static std::string oidText(const std::string& path, uint64_t pkgId) {

@@ -3,7 +3,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 
 #include <cerrno>
 #include <cstring>
@@ -15,6 +14,7 @@
 #include "common/glob_result.h"
 #include "common/unique_fd.h"
 #include "label/label.h"
+#include "label/label_attr.h"
 
 namespace zorv::cli {
 
@@ -78,11 +78,10 @@ int showLabel(const std::string& path, const std::string& attrName) {
   return 1;
 }
 
-int removeLabel(const std::string& path, const std::string& attrName) {
-  const int result = noDereference ? lremovexattr(path.c_str(), attrName.c_str())
-                                   : removexattr(path.c_str(), attrName.c_str());
-  if (result == 0) return 1;
-  const int error = errno;
+int removeLabel(const std::string& path, const std::string& /*attrName: always the label's*/) {
+  const int rc = removeLabelAtPath(path.c_str(), !noDereference);
+  if (rc == 0) return 1;
+  const int error = -rc;
   // The wording names lremovexattr whichever call failed; scripts match on it.
   printLine("remove file label from xattr error, " + path + " lremovexattr failed, " +
             std::strerror(error));

@@ -7,15 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "testing/child_process.h"
 #include "testing/test_util.h"
 
 namespace zorv_testing {
 
-struct ToolResult {
-  std::string out, err;
-  int status = -1;  // exit status, or -1 when a signal ended the run
-  int signal = 0;   // the signal that ended the run, or 0
-};
+using ToolResult = ChildResult;
 
 /// Runs the tool (argv[0] "zorv-label-manager-tool") with `args`, stdin from
 /// /dev/null, the test process's environment plus `env` (an empty value
@@ -23,12 +20,6 @@ struct ToolResult {
 /// going after `timeoutSeconds`.
 ToolResult runTool(const std::vector<std::string>& args,
                    const std::map<std::string, std::string>& env = {}, double timeoutSeconds = 30);
-/// As runTool, for any program: `program` run as argv[0] `name`, with `input`
-/// on its standard input.
-ToolResult runProgram(const std::string& program, const std::string& name,
-                      const std::vector<std::string>& args,
-                      const std::map<std::string, std::string>& env = {},
-                      const std::string& input = "", double timeoutSeconds = 30);
 /// Expects exactly `out` and `err` from `r`, exit status `status` and no signal.
 void expectResult(const ToolResult& r, const std::string& out, int status = 0,
                   const std::string& err = "");

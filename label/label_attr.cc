@@ -114,9 +114,7 @@ ssize_t readLabelAt(int dirfd, const char* name, void* value, size_t size) {
   }
   FallbackTarget target(dirfd, name);
   if (target.error() != 0) return -target.error();
-  ssize_t rc = target.follow() ? ::getxattr(target.path(), kLabelAttribute, value, size)
-                               : ::lgetxattr(target.path(), kLabelAttribute, value, size);
-  return rc < 0 ? -errno : rc;
+  return readLabelAtPath(target.path(), target.follow(), value, size);
 }
 
 int writeLabelAt(int dirfd, const char* name, const void* value, size_t size, int flags) {
@@ -130,9 +128,7 @@ int writeLabelAt(int dirfd, const char* name, const void* value, size_t size, in
   }
   FallbackTarget target(dirfd, name);
   if (target.error() != 0) return -target.error();
-  int rc = target.follow() ? ::setxattr(target.path(), kLabelAttribute, value, size, flags)
-                           : ::lsetxattr(target.path(), kLabelAttribute, value, size, flags);
-  return rc < 0 ? -errno : 0;
+  return writeLabelAtPath(target.path(), target.follow(), value, size, flags);
 }
 
 int removeLabelAt(int dirfd, const char* name) {
@@ -143,8 +139,23 @@ int removeLabelAt(int dirfd, const char* name) {
   }
   FallbackTarget target(dirfd, name);
   if (target.error() != 0) return -target.error();
-  int rc = target.follow() ? ::removexattr(target.path(), kLabelAttribute)
-                           : ::lremovexattr(target.path(), kLabelAttribute);
+  return removeLabelAtPath(target.path(), target.follow());
+}
+
+ssize_t readLabelAtPath(const char* path, bool follow, void* value, size_t size) {
+  ssize_t rc = follow ? ::getxattr(path, kLabelAttribute, value, size)
+                      : ::lgetxattr(path, kLabelAttribute, value, size);
+  return rc < 0 ? -errno : rc;
+}
+
+int writeLabelAtPath(const char* path, bool follow, const void* value, size_t size, int flags) {
+  int rc = follow ? ::setxattr(path, kLabelAttribute, value, size, flags)
+                  : ::lsetxattr(path, kLabelAttribute, value, size, flags);
+  return rc < 0 ? -errno : 0;
+}
+
+int removeLabelAtPath(const char* path, bool follow) {
+  int rc = follow ? ::removexattr(path, kLabelAttribute) : ::lremovexattr(path, kLabelAttribute);
   return rc < 0 ? -errno : 0;
 }
 

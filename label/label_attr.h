@@ -1,6 +1,6 @@
 // Internal to the framework's libraries (not installed): the label's extended
-// attribute, and the one place that reads, writes and removes it on entries
-// that a walk or a pattern found.
+// attribute, and the one place that reads, writes and removes it, above all on
+// entries that a walk or a pattern found.
 //
 // Every call takes the directory the entry was found in (a descriptor) and the
 // entry's own name: one path component, or "." for that directory itself. It
@@ -32,6 +32,13 @@ ssize_t readLabelAt(int dirfd, const char* name, void* value, size_t size);
 int writeLabelAt(int dirfd, const char* name, const void* value, size_t size, int flags);
 /// Removes it. 0 or -errno (-ENODATA: there was none).
 int removeLabelAt(int dirfd, const char* name);
+
+/// The same by path, following a last symbolic link when `follow`: only for
+/// the calls whose contract takes a path (Label::getFromXattr and
+/// setToXattr, the tool's whole-label commands), which resolve it afresh.
+ssize_t readLabelAtPath(const char* path, bool follow, void* value, size_t size);
+int writeLabelAtPath(const char* path, bool follow, const void* value, size_t size, int flags);
+int removeLabelAtPath(const char* path, bool follow);
 
 /// `dirfd` may be AT_FDCWD: the entry is then looked up in the working
 /// directory, which a thread that called usePrivateWorkingDirectory() may

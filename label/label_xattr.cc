@@ -1,5 +1,4 @@
 #include <sys/stat.h>
-#include <sys/xattr.h>
 
 #include <cerrno>
 #include <cstring>
@@ -30,8 +29,10 @@ void requireExisting(const std::string& path) {
 }
 
 ssize_t readAttribute(const std::string& path, bool noDereference, void* value, size_t size) {
-  return noDereference ? lgetxattr(path.c_str(), zorv::kLabelAttribute, value, size)
-                       : getxattr(path.c_str(), zorv::kLabelAttribute, value, size);
+  ssize_t rc = zorv::readLabelAtPath(path.c_str(), !noDereference, value, size);
+  if (rc >= 0) return rc;
+  errno = static_cast<int>(-rc);
+  return -1;
 }
 
 }  // namespace
@@ -92,17 +93,10 @@ int Label::setToXattr(const std::string& path, const bool& noDereference) {
     if (written > value.size())
       throw LabelError("Label serialization used more space than expected: ", 12);
 
-    int result;
-    int error;
-    if (noDereference) {
-      result = lsetxattr(path.c_str(), zorv::kLabelAttribute, value.data(), written, 0);
-      error = errno;
-      ZLOG_DEBUG("lsetxattr: %d, path: %s", result, path.c_str());
-    } else {
-      result = setxattr(path.c_str(), zorv::kLabelAttribute, value.data(), written, 0);
-      error = errno;
-      ZLOG_DEBUG("setxattr: %d, path: %s", result, path.c_str());
-    }
+    const int rc = zorv::writeLabelAtPath(path.c_str(), !noDereference, value.data(), written, 0);
+    const int result = rc == 0 ? 0 : -1;
+    const int error = -rc;
+    ZLOG_DEBUG("%s: %d, path: %s", noDereference ? "lsetxattr" : "setxattr", result, path.c_str());
     if (result != 0) {
       if (error == ENOTSUP)
         throw LabelError("Filesystem does not support extended attributes: ", 7);

@@ -64,36 +64,8 @@ std::string canonical(const std::string& path) {
 
 }  // namespace
 
-RunResult runProgram(const std::vector<std::string>& argvTexts, double timeoutSeconds) {
-  std::vector<char*> argv;
-  for (const std::string& t : argvTexts) argv.push_back(const_cast<char*>(t.c_str()));
-  argv.push_back(nullptr);
-  ScopedTempDir dir;
-  const std::string outPath = dir / "out";
-  const pid_t pid = fork();
-  if (pid < 0) throw std::runtime_error("fork failed");
-  if (pid == 0) {  // only async-signal-safe calls from here on
-    const int in = open("/dev/null", O_RDONLY);
-    const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const int err = open("/dev/null", O_WRONLY);
-    if (in < 0 || out < 0 || err < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0)
-      _exit(126);
-    const struct rlimit noCore = {0, 0};
-    setrlimit(RLIMIT_CORE, &noCore);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutSeconds);
-  int waitStatus = 0;
-  while (waitpid(pid, &waitStatus, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() >= deadline) kill(pid, SIGKILL);
-    std::this_thread::sleep_for(std::chrono::microseconds(200));
-  }
-  RunResult result{readTextFile(outPath)};
-  if (WIFEXITED(waitStatus)) result.status = WEXITSTATUS(waitStatus);
-  if (WIFSIGNALED(waitStatus)) result.signal = WTERMSIG(waitStatus);
-  return result;
+RunResult runProgram(const std::vector<std::string>& argv, double timeoutSeconds) {
+  return runChild(argv[0], argv, currentEnvironment(), timeoutSeconds);
 }
 
 std::string firstDifference(const SceneState& got, const SceneState& want) {

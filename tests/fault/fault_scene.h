@@ -14,20 +14,15 @@
 #include <string>
 #include <vector>
 
+#include "testing/child_process.h"
 #include "testing/test_util.h"
 
 namespace zorv_testing {
 
-/// The end of one process.
-struct RunResult {
-  std::string out;
-  int status = -1;  // exit status, or -1 when a signal ended it
-  int signal = 0;
-};
+using RunResult = ChildResult;
 
-/// Runs `argv` (argv[0] a path) with this process's environment, stdin from
-/// /dev/null, standard output captured and standard error dropped; killed
-/// with SIGKILL after `timeoutSeconds`.
+/// Runs `argv` (argv[0] a path) with this process's environment, as
+/// runChild() does.
 RunResult runProgram(const std::vector<std::string>& argv, double timeoutSeconds = 60);
 
 /// Everything a command can change: the label of each entry of the tree (its

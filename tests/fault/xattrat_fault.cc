@@ -59,34 +59,36 @@ int installFilter() {
       syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &program));
 }
 
-bool sendFd(int socket, int fd) {
+// One byte of data with room for one descriptor beside it.
+struct FdMessage {
   char data = 0;
   iovec io{&data, 1};
   char control[CMSG_SPACE(sizeof(int))] = {};
   msghdr message{};
-  message.msg_iov = &io;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-  cmsghdr* header = CMSG_FIRSTHDR(&message);
+  FdMessage() {
+    message.msg_iov = &io;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+  }
+  FdMessage(const FdMessage&) = delete;
+  FdMessage& operator=(const FdMessage&) = delete;
+};
+
+bool sendFd(int socket, int fd) {
+  FdMessage m;
+  cmsghdr* header = CMSG_FIRSTHDR(&m.message);
   header->cmsg_level = SOL_SOCKET;
   header->cmsg_type = SCM_RIGHTS;
   header->cmsg_len = CMSG_LEN(sizeof(int));
   memcpy(CMSG_DATA(header), &fd, sizeof fd);
-  return sendmsg(socket, &message, 0) == 1;
+  return sendmsg(socket, &m.message, 0) == 1;
 }
 
 int receiveFd(int socket) {
-  char data = 0;
-  iovec io{&data, 1};
-  char control[CMSG_SPACE(sizeof(int))] = {};
-  msghdr message{};
-  message.msg_iov = &io;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-  if (recvmsg(socket, &message, 0) != 1) return -1;
-  cmsghdr* header = CMSG_FIRSTHDR(&message);
+  FdMessage m;
+  if (recvmsg(socket, &m.message, 0) != 1) return -1;
+  cmsghdr* header = CMSG_FIRSTHDR(&m.message);
   if (header == nullptr || header->cmsg_type != SCM_RIGHTS) return -1;
   int fd = -1;
   memcpy(&fd, CMSG_DATA(header), sizeof fd);
