@@ -48,6 +48,11 @@ class TreeWalkVisitor : public PinnedWalkVisitor {
       ++stats.excluded;
       return std::nullopt;
     }
+    if (entry.dir.get() != lastDir_) {
+      lastDir_ = entry.dir.get();
+      run_.setCurrentDirectory(
+          entry.path.substr(0, entry.nameOffset > 1 ? entry.nameOffset - 1 : 1));
+    }
     TreeItem item;
     item.dir = std::move(entry.dir);
     item.path = std::move(entry.path);
@@ -103,6 +108,7 @@ class TreeWalkVisitor : public PinnedWalkVisitor {
   Batcher& batcher_;
   const std::unordered_set<std::string>& excludes_;
   const TreeLabelOptions& options_;
+  const UniqueFd* lastDir_ = nullptr;
 };
 
 std::unordered_set<std::string> normaliseExcludes(const std::vector<std::string>& excludes) {
@@ -197,8 +203,20 @@ int labelTree(const std::string& root, PolicySource& policy, const TreeLabelOpti
     if (workers == 0) workers = std::max(1u, std::thread::hardware_concurrency());
     std::unique_ptr<TreeProgress> progress;
     if (options.progress && ::isatty(STDERR_FILENO)) {
-      progress = std::make_unique<TreeProgress>(run.done, options.dryRun ? "checked" : "labelled",
-                                                mountPointOf(canonicalRoot, rootStat));
+      if (options.dryRun) {
+        // A check names the directory it is in, as the policy sees it.
+        progress = std::make_unique<TreeProgress>(run.done, "checked", [&run, &options] {
+          std::string dir = run.currentDirectory();
+          const std::string& image = options.imageRoot;
+          if (!image.empty() && image != "/" && dir.size() >= image.size())
+            dir = dir.size() == image.size() ? "/" : dir.substr(image.size());
+          return "in " + dir;
+        });
+      } else {
+        progress = std::make_unique<TreeProgress>(
+            run.done, "labelled",
+            [mount = "on " + mountPointOf(canonicalRoot, rootStat)] { return mount; });
+      }
     }
     if (isExcluded(canonicalRoot, excludes, options)) {
       ++total.excluded;

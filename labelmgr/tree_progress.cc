@@ -21,7 +21,8 @@ void writeAll(const std::string& text) {
 
 }  // namespace
 
-TreeProgress::TreeProgress(const std::atomic<uint64_t>& done, std::string verb, std::string where)
+TreeProgress::TreeProgress(const std::atomic<uint64_t>& done, std::string verb,
+                           std::function<std::string()> where)
     : done_(done), verb_(std::move(verb)), where_(std::move(where)) {
   thread_ = std::thread([this] { loop(); });
 }
@@ -43,10 +44,11 @@ void TreeProgress::loop() {
     double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     uint64_t done = done_.load();
+    std::string where = where_();
     char line[512];
-    std::snprintf(line, sizeof line, "\r%llu files %s, %.0f files/s, on %s\033[K",
+    std::snprintf(line, sizeof line, "\r%llu files %s, %.0f files/s, %s\033[K",
                   static_cast<unsigned long long>(done), verb_.c_str(),
-                  seconds > 0 ? done / seconds : 0.0, where_.c_str());
+                  seconds > 0 ? done / seconds : 0.0, where.c_str());
     writeAll(line);
   } while (!wake_.wait_for(lock, kInterval, [this] { return stop_; }));
 }

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -14,9 +15,10 @@ namespace zorv::labelmgr {
 
 class TreeProgress {
  public:
-  /// Shows "N files <verb>, R files/s, on <where>" on standard error, N
-  /// read from `done`, until destroyed.
-  TreeProgress(const std::atomic<uint64_t>& done, std::string verb, std::string where);
+  /// Shows "N files <verb>, R files/s, <where>" on standard error, N read
+  /// from `done` and <where> asked of `where` each time, until destroyed.
+  TreeProgress(const std::atomic<uint64_t>& done, std::string verb,
+               std::function<std::string()> where);
   ~TreeProgress();
   TreeProgress(const TreeProgress&) = delete;
   TreeProgress& operator=(const TreeProgress&) = delete;
@@ -26,7 +28,7 @@ class TreeProgress {
 
   const std::atomic<uint64_t>& done_;
   const std::string verb_;
-  const std::string where_;
+  const std::function<std::string()> where_;
   std::mutex mutex_;
   std::condition_variable wake_;
   bool stop_ = false;

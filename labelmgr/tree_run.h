@@ -71,6 +71,15 @@ class TreeRun {
   /// How many entries the last run left verified.
   size_t remembered() const { return cache_.size(); }
   DeferredLinks& deferred() { return deferred_; }
+  /// The directory the walk is listing, for a progress line.
+  void setCurrentDirectory(std::string dir) {
+    std::lock_guard<std::mutex> lock(whereMutex_);
+    where_ = std::move(dir);
+  }
+  std::string currentDirectory() {
+    std::lock_guard<std::mutex> lock(whereMutex_);
+    return where_;
+  }
 
   std::atomic<uint64_t> done{0};
 
@@ -94,6 +103,8 @@ class TreeRun {
   std::set<dev_t> quietDevices_;
   bool createFirst_ = false;
   std::unordered_set<std::string> mountPoints_;
+  std::mutex whereMutex_;
+  std::string where_;
 };
 
 }  // namespace zorv::labelmgr
