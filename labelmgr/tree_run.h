@@ -68,8 +68,9 @@ class TreeRun {
   void reportEntryError(const char* what, const TreeItem& item, int error, TreeLabelStats& stats);
 
   bool onRootMount(const EntryStat& entry) const { return entry.sameMount(root_); }
-  /// How many entries the last run left verified.
-  size_t remembered() const { return cache_.size(); }
+  /// How many entries a worker may find verified: what the last run left
+  /// verified, none in a dry run (which remembers nothing).
+  size_t verifiedCapacity() const { return options_.dryRun ? 0 : cache_.size(); }
   DeferredLinks& deferred() { return deferred_; }
   /// The directory the walk is listing, for a progress line.
   void setCurrentDirectory(std::string dir) {

@@ -48,7 +48,7 @@ void BatchQueue::close() {
 WorkerPool::WorkerPool(TreeRun& run, unsigned count) : run_(run), workers_(count) {
   // Room for what the last run verified, reserved but not yet touched, so
   // that a large tree's entries are never copied as their lists grow.
-  for (WorkerState& worker : workers_) worker.verified.reserve(run.remembered());
+  for (WorkerState& worker : workers_) worker.verified.reserve(run.verifiedCapacity());
   for (unsigned i = 0; i < count; ++i) threads_.emplace_back([this, i] { work(workers_[i]); });
 }
 
