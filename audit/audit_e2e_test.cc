@@ -43,6 +43,9 @@ TEST_F(AuditE2eTest, CheckFindsChangedLabelsAndNamesTheRuleBehindEachValue) {
   changed.tid_ = 9;
   ASSERT_EQ(0, changed.setToXattr(plain, false));
   expectResult(audit({"check", root_}), plain + "\ttid\t00000009\t00000000\tdefault policy\n", 1);
+  // A file named alone is compared alone.
+  expectResult(audit({"check", plain}), plain + "\ttid\t00000009\t00000000\tdefault policy\n", 1);
+  expectResult(audit({"check", shared}), "", 0);
 
   // User-set values, then the labels lost: each field says where it comes from.
   ASSERT_EQ(0, runTool({"-a", "-t", plain, "c"}).status);
