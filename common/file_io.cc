@@ -1,21 +1,17 @@
 #include "common/file_io.h"
 
+#include <cerrno>
 #include <fstream>
-#include <sstream>
 
+#include "common/whole_file.h"
 #include "log/logger.h"
 
 std::string readFile(const std::string& path) {
-  std::ifstream in(path);
-  if (in.fail()) {
-    ZLOG_ERROR("Unable to open file, %s", path.c_str());
-    return "";
-  }
-  // Through the stream buffer rather than line by line, so that newlines and
-  // zero bytes come back exactly as stored.
-  std::ostringstream content;
-  content << in.rdbuf();
-  return content.str();
+  std::string content;
+  if (zorv::readWholeFile(path.c_str(), &content)) return content;
+  // A directory opens but has nothing to read: empty, and nothing to say.
+  if (errno != EISDIR) ZLOG_ERROR("Unable to open file, %s", path.c_str());
+  return "";
 }
 
 bool writeFile(const std::string& path, const std::string& content) {
