@@ -61,12 +61,12 @@ done
 a=$(median "${as[@]}") b=$(median "${bs[@]}") c=$(median "${cs[@]}")
 d=$(median "${ds[@]}") e=$(median "${es[@]}") f=$(median "${fs[@]}")
 printf 'tree: %d entries (%d files), medians of %d rounds\n' "$entries" "$files" "$rounds"
-printf '(a) whole-tree rerun, cache trusted:        %.3f s\n' "$a"
-printf '(b) check, cache trusted:                   %.3f s\n' "$b"
-printf '(c) whole-tree first run, no cache:         %.3f s\n' "$c"
-printf '(d) check --no-cache:                       %.3f s\n' "$d"
-printf '(e) 1,000 runs of -g -l PATH:               %.3f s\n' "$e"
-printf '(f) explain -0 of the same 1,000 paths:     %.3f s\n' "$f"
-printf 'b/a = %.2f (target <= 1.0)\n' "$(echo "$b / $a" | bc -l)"
-printf 'd/c = %.2f (target <= 1.0)\n' "$(echo "$d / $c" | bc -l)"
-printf 'f/e = %.3f (target <= 0.1)\n' "$(echo "$f / $e" | bc -l)"
+show_time '(a) whole-tree rerun, cache trusted:' "$a"
+show_time '(b) check, cache trusted:' "$b"
+show_time '(c) whole-tree first run, no cache:' "$c"
+show_time '(d) check --no-cache:' "$d"
+show_time '(e) 1,000 runs of -g -l PATH:' "$e"
+show_time '(f) explain -0 of the same 1,000 paths:' "$f"
+show_ratio b/a "$b" "$a" 'target <= 1.0'
+show_ratio d/c "$d" "$c" 'target <= 1.0'
+show_ratio f/e "$f" "$e" 'target <= 0.1' 3

@@ -37,3 +37,8 @@ unlabel() { find "$1" -print0 | xargs -0 setfattr -x security.zorv 2>/dev/null |
 now() { date +%s.%N; }
 elapsed() { echo "$2 - $1" | bc -l; }
 median() { printf '%s\n' "$@" | sort -g | awk '{v[NR] = $1} END {print v[int((NR + 1) / 2)]}'; }
+
+# show_time LABEL SECONDS: one measured line, the figures aligned.
+show_time() { printf '%-43s %.3f s\n' "$1" "$2"; }
+# show_ratio NAME NUMERATOR DENOMINATOR NOTE [DIGITS]: "NAME = value (NOTE)".
+show_ratio() { printf '%s = %.*f (%s)\n' "$1" "${5:-2}" "$(echo "$2 / $3" | bc -l)" "$4"; }

@@ -82,13 +82,13 @@ dpkg=${DPKG_DIR:-/var/lib/dpkg}
 lists=$(find "$dpkg/info" -maxdepth 1 -name '*.list' 2>/dev/null | wc -l)
 printf 'tree: %d entries (%d files), medians of %d rounds\n' "$entries" "$files" "$rounds"
 printf 'dpkg database: %s (%d file lists)\n' "$dpkg" "$lists"
-printf '(a) our whole-tree labelling, first run:   %.3f s\n' "$a"
-printf '(b) find | xargs setfattr, same writes:     %.3f s\n' "$b"
-printf '(c) our second run over the unchanged tree: %.3f s\n' "$c"
+show_time '(a) our whole-tree labelling, first run:' "$a"
+show_time '(b) find | xargs setfattr, same writes:' "$b"
+show_time '(c) our second run over the unchanged tree:' "$c"
 printf 'of (a), a first run over an empty tree:     %.3f s (start-up, state database, dpkg index)\n' "$fixed"
-printf '(d) labelTree first run, creating first:   %.3f s\n' "$d"
-printf '(e) the same, reading every label first:    %.3f s\n' "$e"
-printf 'a/b = %.2f (target <= 1.0)\n' "$(echo "$a / $b" | bc -l)"
-printf 'c/a = %.2f (target <= 0.4)\n' "$(echo "$c / $a" | bc -l)"
-printf 'd/e = %.2f (creating first pays when below 1.0)\n' "$(echo "$d / $e" | bc -l)"
+show_time '(d) labelTree first run, creating first:' "$d"
+show_time '(e) the same, reading every label first:' "$e"
+show_ratio a/b "$a" "$b" 'target <= 1.0'
+show_ratio c/a "$c" "$a" 'target <= 0.4'
+show_ratio d/e "$d" "$e" 'creating first pays when below 1.0'
 grep -h 'labelled the tree' "$work/bench.log" | tail -2 | sed 's/^/log: /'
