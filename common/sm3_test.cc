@@ -4,8 +4,6 @@
 
 #include <string>
 
-#include "common/sm3_internal.h"
-
 TEST(Sm3Test, DigestsAndTheirTrailingBits) {
   // The two test vectors of the standard, and the empty text.
   EXPECT_EQ("66c7f0f462eeedd9d1f2d46bdc10e4e24167c4875cf2f7a2297da02b8f4ba8e0",
@@ -18,17 +16,6 @@ TEST(Sm3Test, DigestsAndTheirTrailingBits) {
             getSM3HashValue(""));
   EXPECT_EQ(0x297DA02B8F4BA8E0ull, getSM3HashLast64Bits("abc"));  // read big-endian
   EXPECT_EQ(0x8F4BA8E0u, getSM3HashLast32Bits("abc"));
-}
-
-// The label manager library's path (fetched digest, reused context) over the
-// same core; its agreement at many lengths is checked with the library.
-TEST(Sm3Test, TheFastPathGivesTheStandardsDigest) {
-  ASSERT_TRUE(zorv::sm3::available());
-  unsigned char digest[zorv::sm3::kDigestBytes];
-  ASSERT_TRUE(zorv::sm3::digest("abc", digest));
-  EXPECT_EQ(0x66, digest[0]);
-  EXPECT_EQ(0xe0, digest[31]);
-  EXPECT_EQ(0x297DA02B8F4BA8E0ull, zorv::sm3::last64Bits("abc"));
 }
 
 TEST(Sm3Test, KmodNameHashWidensBytesWithTheirSign) {
