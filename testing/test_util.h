@@ -53,7 +53,6 @@ class LogCapture {
   size_t countRecord(const std::string& record);
   /// How many records hold `text`.
   size_t count(const std::string& text);
-  bool contains(const std::string& text) { return count(text) > 0; }
   /// All records joined by newlines, for failure messages.
   std::string dump();
 
