@@ -19,18 +19,6 @@ const char kName[] = "security.zorv";
 
 Label sample() { return Label{{0x11, 0, 0x22}, {0x33, 0x44, 0}, {0x55}, 0x66, 5}; }
 
-TEST(LabelXattrTest, SetThenGetRoundTrips) {
-  ScopedTempDir dir;
-  const std::string file = dir / "file", link = dir / "link";
-  writeTextFile(file, "x");
-  std::filesystem::create_symlink(file, link);
-  ASSERT_EQ(0, sample().setToXattr(file, true));
-  Label read;
-  ASSERT_EQ(0, read.getFromXattr(link, false));
-  EXPECT_EQ(sample().toString(), read.toString());
-  EXPECT_EQ(-1, Label().getFromXattr(link, true));  // the link itself has none
-}
-
 TEST(LabelXattrTest, MissingValueIsQuietBadValuesAndMissingFilesAreErrors) {
   ScopedTempDir dir;
   const std::string plain = dir / "plain", empty = dir / "empty", dangling = dir / "dangling";
