@@ -104,14 +104,9 @@ TEST(LabelCodecTest, SmallestAndLargestForms) {
   EXPECT_EQ(std::vector<unsigned char>(80, 0xee), buffer);
 }
 
-TEST(LabelCodecTest, DecodingRestoresSparseAndFullLabels) {
-  const Label sparse{{0x01, 0, 9}, {0x11, 0, 8}, {0x21, 7, 0}, 0, 5};
-  for (const Label& original : {kPackagesOnly, kEverything, sparse}) {
-    std::vector<unsigned char> bytes = serialized(original);
-    EXPECT_EQ(original.toString(),
-              Label().deserializeFromBuffer(bytes.data(), bytes.size()).toString());
-  }
-  // Fields absent from the bytes keep what the label held.
+// Round trips of every layout are the decoding fuzz target's (its corpus runs
+// as a test); fields absent from the bytes keep what the label held.
+TEST(LabelCodecTest, DecodingKeepsAbsentFields) {
   const std::vector<unsigned char> bytes = serialized(kPackagesOnly);
   Label merged = kEverything, expected = kEverything;
   merged.deserializeFromBuffer(bytes.data(), bytes.size());
