@@ -2,13 +2,9 @@
 // entry labelled otherwise which fields differ and why they would change.
 #include <sys/stat.h>
 
-#include <cerrno>
-#include <cstring>
 #include <mutex>
 
-#include "label/label_attr.h"
 #include "labelmgr/audit_context.h"
-#include "labelmgr/tree_item.h"
 #include "labelmgr/tree_label_cache.h"
 #include "labelmgr/tree_labeler.h"
 #include "labelmgr/user_set_store.h"
@@ -32,31 +28,15 @@ void checkOne(lm::AuditContext& context, const PinnedEntry& entry, const ReportS
   ++total->seen;
   std::unique_ptr<lm::LabelPolicy> policy =
       lm::LabelPolicy::loadFor(context.db.get(), {entry.path}, &context.image);
-  unsigned char current[lm::kLabelBufferBytes];
-  ssize_t size = policy == nullptr
-                     ? -EIO
-                     : readLabelAt(entry.dir.get(), entry.name.c_str(), current, sizeof current);
-  if (size < 0 && size != -ENODATA) {
-    if (options.warn) {
-      options.warn(policy == nullptr ? "cannot load the label policy (see the log)"
-                                     : "cannot read the label of " + entry.path + ": " +
-                                           std::strerror(static_cast<int>(-size)));
-    }
+  PathReport report;
+  if (policy == nullptr) report.error = "cannot load the label policy (see the log)";
+  if (policy == nullptr || !lm::examineEntry(*policy, entry, true, &report)) {
+    if (options.warn) options.warn(report.error);
     ++total->failed;
     return;
   }
-  lm::LabelEvaluation wanted = policy->evaluate(entry.path, entry.st);
-  unsigned char wantedBytes[lm::kLabelBufferBytes];
-  size_t wantedSize = wanted.label.serializeToBuffer(wantedBytes, sizeof wantedBytes);
-  if (size >= 0 && static_cast<size_t>(size) == wantedSize &&
-      std::memcmp(current, wantedBytes, wantedSize) == 0)
-    return;
+  if (report.fields.empty()) return;
   ++total->differing;
-  PathReport report;
-  report.path = entry.path;
-  Label decoded;
-  bool valid = size >= 0 && lm::decodeLabel(current, static_cast<size_t>(size), &decoded);
-  lm::reportFields(*policy, wanted, valid ? &decoded : nullptr, size >= 0, true, &report);
   sink(report);
 }
 

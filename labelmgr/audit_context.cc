@@ -1,9 +1,14 @@
 #include "labelmgr/audit_context.h"
 
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 
 #include <exception>
+
+#include "label/label_attr.h"
+#include "labelmgr/tree_item.h"
 
 namespace zorv::labelmgr {
 
@@ -80,6 +85,23 @@ void reportFields(const LabelPolicy& policy, const LabelEvaluation& wanted, cons
     report->fields.push_back(
         {"creator-oid", current->creatorOid_.toString(), Id().toString(), "default policy"});
   }
+}
+
+bool examineEntry(const LabelPolicy& policy, const PinnedEntry& entry, bool onlyDiffering,
+                  audit::PathReport* report) {
+  report->path = entry.path;
+  unsigned char bytes[kLabelBufferBytes];
+  ssize_t size = readLabelAt(entry.dir.get(), entry.name.c_str(), bytes, sizeof bytes);
+  if (size < 0 && size != -ENODATA) {
+    report->error =
+        "cannot read the label of " + entry.path + ": " + std::strerror(static_cast<int>(-size));
+    return false;
+  }
+  Label current;
+  bool decoded = size >= 0 && decodeLabel(bytes, static_cast<size_t>(size), &current);
+  reportFields(policy, policy.evaluate(entry.path, entry.st), decoded ? &current : nullptr,
+               size >= 0, onlyDiffering, report);
+  return true;
 }
 
 }  // namespace zorv::labelmgr

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "common/safe_path.h"
 #include "label/label.h"
 #include "labelmgr/exclude_rules.h"
 #include "labelmgr/image_root.h"
@@ -33,6 +34,12 @@ bool decodeLabel(const unsigned char* bytes, size_t size, Label* label);
 /// not be decoded), expected value and source; sets the owning package.
 void reportFields(const LabelPolicy& policy, const LabelEvaluation& wanted, const Label* current,
                   bool invalid, bool onlyDiffering, audit::PathReport* report);
+
+/// Reads the label of the pinned `entry` and adds its fields to `report` as
+/// reportFields() does (path and package included). False, with
+/// `report->error` set, when the label cannot be read.
+bool examineEntry(const LabelPolicy& policy, const PinnedEntry& entry, bool onlyDiffering,
+                  audit::PathReport* report);
 
 }  // namespace zorv::labelmgr
 

@@ -1,12 +1,7 @@
 // explainPaths: each named file's label now, the one restore would give it,
 // and where each value of that one comes from.
-#include <cerrno>
-#include <cstring>
-
 #include "common/safe_path.h"
-#include "label/label_attr.h"
 #include "labelmgr/audit_context.h"
-#include "labelmgr/tree_item.h"
 #include "labelmgr/zorvlabelmgr_audit.h"
 
 namespace zorv::audit {
@@ -41,20 +36,8 @@ int explainPaths(const AuditOptions& options, const std::vector<std::string>& pa
       continue;
     }
     const PinnedEntry& entry = entries[i];
-    report.path = entry.path;
     if (const std::string* glob = context.excludes.covering(entry.path)) report.excludedBy = *glob;
-    unsigned char bytes[labelmgr::kLabelBufferBytes];
-    ssize_t size = readLabelAt(entry.dir.get(), entry.name.c_str(), bytes, sizeof bytes);
-    if (size < 0 && size != -ENODATA) {
-      report.error = "cannot read the label of " + entry.path + ": " + std::strerror(-size);
-      status = 1;
-      sink(report);
-      continue;
-    }
-    Label current;
-    bool decoded = size >= 0 && labelmgr::decodeLabel(bytes, size, &current);
-    labelmgr::reportFields(*policy, policy->evaluate(entry.path, entry.st),
-                           decoded ? &current : nullptr, size >= 0, false, &report);
+    if (!labelmgr::examineEntry(*policy, entry, false, &report)) status = 1;
     sink(report);
   }
   return status;

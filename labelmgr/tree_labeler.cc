@@ -30,9 +30,8 @@ bool isExcluded(const std::string& path, const std::unordered_set<std::string>& 
                 const TreeLabelOptions& options) {
   if (!excludes.empty() && excludes.count(path) != 0) return true;
   if (!options.excluded) return false;
-  const std::string& image = options.imageRoot;
-  if (image.empty() || image == "/") return options.excluded(path);
-  return options.excluded(path.size() == image.size() ? "/" : path.substr(image.size()));
+  std::string scratch;
+  return options.excluded(options.policyPath(path, &scratch));
 }
 
 // Hands what the walk finds to the workers, apart from what is excluded and
@@ -48,7 +47,7 @@ class TreeWalkVisitor : public PinnedWalkVisitor {
       ++stats.excluded;
       return std::nullopt;
     }
-    if (entry.dir.get() != lastDir_) {
+    if (run_.tracksDirectory() && entry.dir.get() != lastDir_) {
       lastDir_ = entry.dir.get();
       run_.setCurrentDirectory(
           entry.path.substr(0, entry.nameOffset > 1 ? entry.nameOffset - 1 : 1));
@@ -205,12 +204,10 @@ int labelTree(const std::string& root, PolicySource& policy, const TreeLabelOpti
     if (options.progress && ::isatty(STDERR_FILENO)) {
       if (options.dryRun) {
         // A check names the directory it is in, as the policy sees it.
+        run.trackDirectory();
         progress = std::make_unique<TreeProgress>(run.done, "checked", [&run, &options] {
-          std::string dir = run.currentDirectory();
-          const std::string& image = options.imageRoot;
-          if (!image.empty() && image != "/" && dir.size() >= image.size())
-            dir = dir.size() == image.size() ? "/" : dir.substr(image.size());
-          return "in " + dir;
+          std::string dir = run.currentDirectory(), scratch;
+          return "in " + options.policyPath(dir, &scratch);
         });
       } else {
         progress = std::make_unique<TreeProgress>(

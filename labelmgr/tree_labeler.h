@@ -76,6 +76,14 @@ struct TreeLabelOptions {
   /// the policy, the cache, `excluded` and onDifference see every path as it
   /// is inside the image.
   std::string imageRoot;
+
+  /// `path` (canonical, on the machine) as the policy sees it: without the
+  /// image root in front; `scratch` holds the result when it is another text.
+  const std::string& policyPath(const std::string& path, std::string* scratch) const {
+    if (imageRoot.empty() || imageRoot == "/" || path.size() < imageRoot.size()) return path;
+    *scratch = path.size() == imageRoot.size() ? "/" : path.substr(imageRoot.size());
+    return *scratch;
+  }
   /// Entries (with everything under them) left alone when this says so of
   /// their path (as the policy sees it); called from the walking thread.
   std::function<bool(const std::string& path)> excluded;

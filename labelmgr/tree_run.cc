@@ -64,13 +64,6 @@ void TreeRun::endBatch(WorkerState& worker, bool last) {
     worker.lock.reset();
 }
 
-const std::string& TreeRun::policyPath(const TreeItem& item, std::string* scratch) const {
-  const std::string& image = options_.imageRoot;
-  if (image.empty() || image == "/") return item.path;
-  *scratch = item.path.size() == image.size() ? "/" : item.path.substr(image.size());
-  return *scratch;
-}
-
 void TreeRun::process(TreeItem& item, WorkerState& worker) {
   TreeLabelStats& stats = worker.stats;
   if (!item.hasStat && mayCreateFirst(item, worker) && createFirst(item, worker)) return;
@@ -95,7 +88,7 @@ void TreeRun::process(TreeItem& item, WorkerState& worker) {
   }
   ++stats.seen;
   std::string scratch;
-  const std::string& path = policyPath(item, &scratch);
+  const std::string& path = options_.policyPath(item.path, &scratch);
   // A hard-linked inode is reached by several paths: it is always checked.
   bool cacheable = S_ISDIR(st.st_mode) || st.st_nlink == 1;
   uint64_t pathHash = cacheable ? TreeLabelCache::hashPath(path) : 0;
@@ -211,7 +204,7 @@ bool TreeRun::createFirst(TreeItem& item, WorkerState& worker) {
   const LabelPolicy* policy = policyFor(worker);
   if (policy == nullptr) return false;
   std::string scratch;
-  const std::string& path = policyPath(item, &scratch);
+  const std::string& path = options_.policyPath(item.path, &scratch);
   struct stat guess {};
   guess.st_mode = item.type == DT_LNK ? (S_IFLNK | 0777) : (S_IFREG | 0644);
   unsigned char wanted[kLabelBufferBytes];

@@ -72,7 +72,10 @@ class TreeRun {
   /// verified, none in a dry run (which remembers nothing).
   size_t verifiedCapacity() const { return options_.dryRun ? 0 : cache_.size(); }
   DeferredLinks& deferred() { return deferred_; }
-  /// The directory the walk is listing, for a progress line.
+  /// The directory the walk is listing, for a progress line that names it:
+  /// kept only after trackDirectory().
+  void trackDirectory() { tracksDirectory_ = true; }
+  bool tracksDirectory() const { return tracksDirectory_; }
   void setCurrentDirectory(std::string dir) {
     std::lock_guard<std::mutex> lock(whereMutex_);
     where_ = std::move(dir);
@@ -86,7 +89,6 @@ class TreeRun {
 
  private:
   const LabelPolicy* policyFor(WorkerState& worker);
-  const std::string& policyPath(const TreeItem& item, std::string* scratch) const;
   void compare(const TreeItem& item, const std::string& path, const struct stat& st,
                const LabelPolicy& policy, WorkerState& worker);
   void rememberWritten(const TreeItem& item, const struct stat& labelledAs,
@@ -104,6 +106,7 @@ class TreeRun {
   std::set<dev_t> quietDevices_;
   bool createFirst_ = false;
   std::unordered_set<std::string> mountPoints_;
+  bool tracksDirectory_ = false;
   std::mutex whereMutex_;
   std::string where_;
 };
