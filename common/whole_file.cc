@@ -17,9 +17,9 @@ constexpr size_t kUnsizedRoom = 4096;
 
 }  // namespace
 
-bool readWholeFile(const char* path, std::string* content) {
+bool readWholeFile(const char* path, std::string* content, bool followLastLink) {
   content->clear();
-  UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC));
+  UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC | (followLastLink ? 0 : O_NOFOLLOW)));
   if (!fd) return false;
   struct stat st;
   // One byte more than the size shows the end without growing the buffer.

@@ -1,5 +1,7 @@
 #include "common/whole_file.h"
 
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -33,6 +35,12 @@ TEST(WholeFileTest, ReadsToTheEndWhateverSizeTheFileReports) {
   EXPECT_FALSE(zorv::readWholeFile((tmp / "missing").c_str(), &content));
   EXPECT_EQ(ENOENT, errno);
   EXPECT_EQ("", content);
+
+  // A link is read through unless the caller refuses it.
+  ASSERT_EQ(0, ::symlink((tmp / "big").c_str(), (tmp / "link").c_str()));
+  EXPECT_TRUE(zorv::readWholeFile((tmp / "link").c_str(), &content));
+  EXPECT_FALSE(zorv::readWholeFile((tmp / "link").c_str(), &content, false));
+  EXPECT_EQ(ELOOP, errno);
 }
 
 }  // namespace

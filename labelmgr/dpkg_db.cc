@@ -48,7 +48,7 @@ bool readInstalledPackages(const std::string& dpkgDir, std::vector<std::string>*
   names->clear();
   std::string path = dpkgDir + "/status";
   std::string content;
-  int error = readWholeFile(path.c_str(), &content) ? 0 : errno;
+  int error = readWholeFile(path.c_str(), &content, false) ? 0 : errno;
   if (error == ENOENT) {
     ZLOG_DEBUG("no dpkg status file in %s", dpkgDir.c_str());
     return true;
@@ -156,7 +156,7 @@ class ListReader {
 
   /// False (logged) when the list cannot be read whole.
   bool read(const std::string& path, uint32_t owner) {
-    if (!readWholeFile(path.c_str(), &list_)) {
+    if (!readWholeFile(path.c_str(), &list_, false)) {
       int error = errno;
       ZLOG_ERROR("cannot read the dpkg file list %s: %s", path.c_str(), std::strerror(error));
       return false;

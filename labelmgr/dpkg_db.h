@@ -24,6 +24,8 @@ std::string dpkgDirectory();
 /// status file that exists but cannot be read whole is an error: false,
 /// logged. "No package owns this" and "the package database could not be
 /// read" must never be confused, or files would be labelled as nobody's.
+/// The status file and the file lists are never read through a symbolic
+/// link: dpkg makes none there, and an image's may be anyone's.
 bool readInstalledPackages(const std::string& dpkgDir, std::vector<std::string>* names);
 
 /// Which package's file list ("info/NAME.list" or "info/NAME:ARCH.list") holds

@@ -85,7 +85,7 @@ bool ExcludeRules::load(const std::string& dir, std::vector<std::string>* proble
   for (const std::string& name : names) {
     std::string path = dir + "/" + name;
     std::string content;
-    if (!readWholeFile(path.c_str(), &content)) {
+    if (!readWholeFile(path.c_str(), &content, false)) {
       ZLOG_ERROR("cannot read the exclude rules in %s: %s", path.c_str(), std::strerror(errno));
       return false;
     }

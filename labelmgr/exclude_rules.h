@@ -25,7 +25,8 @@ std::string excludeDirectory();
 class ExcludeRules {
  public:
   /// Reads every file of `dir` whose name does not begin with ".", in name
-  /// order. A missing directory holds no rules. Each malformed line is logged
+  /// order; a file that is a symbolic link cannot be read (it may lie in an
+  /// image someone else owns). A missing directory holds no rules. Each malformed line is logged
   /// and appended to `problems` (when given) as "FILE:LINE: reason". False
   /// (logged) when the directory or one of its files cannot be read.
   bool load(const std::string& dir, std::vector<std::string>* problems);
