@@ -9,6 +9,8 @@
 #include <deque>
 #include <vector>
 
+#include "common/pinned_walker.h"
+
 namespace zorv {
 namespace {
 
@@ -33,10 +35,6 @@ void pushComponents(const std::string& path, std::deque<Step>* steps) {
     begin = end + 1;
   }
   for (auto part = parts.rbegin(); part != parts.rend(); ++part) steps->push_front(*part);
-}
-
-std::string joined(const std::string& dir, const std::string& name) {
-  return dir == "/" ? "/" + name : dir + "/" + name;
 }
 
 std::string parentOf(const std::string& path) {
@@ -120,10 +118,10 @@ int resolvePinnedIn(int rootFd, const std::string& path, LinkRule rule, bool fol
     if (!next || ::fstat(next.get(), &nextStat) != 0) {
       int cause = errno;
       return fail(cause, error,
-                  "cannot resolve " + path + ": " + joined(currentPath, step.name) + ": " +
+                  "cannot resolve " + path + ": " + joinPath(currentPath, step.name.c_str()) + ": " +
                       std::strerror(cause));
     }
-    std::string nextPath = joined(currentPath, step.name);
+    std::string nextPath = joinPath(currentPath, step.name.c_str());
     bool last = true;
     for (const Step& rest : steps) {
       if (!rest.ownerCheck && rest.name != ".") {
